@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Builds device-service and runs its whole test suite:
+#   1. a warnings-as-errors build and every test (ctest -j2);
+#   2. the same under AddressSanitizer + UndefinedBehaviorSanitizer;
+#   3. the concurrency tests under ThreadSanitizer;
+#   4. each fuzz target for a bounded time under ASan + UBSan (clang).
+# Does its own set-up first. Build trees live under build/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+bash scripts/setup.sh
+
+jobs=${JOBS:-2}
+configure_and_build() { # dir, extra cmake args...
+  local dir=$1; shift
+  cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDS_WERROR=ON "$@" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+}
+
+echo "== build and test"
+configure_and_build build/ci
+ctest --test-dir build/ci -j "$jobs" --output-on-failure
+
+echo "== AddressSanitizer + UBSan"
+configure_and_build build/ci-asan -DDS_SANITIZE=address
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build/ci-asan -j "$jobs" --output-on-failure
+
+if [ -f "$root/scripts/test-extra.sh" ]; then
+  bash "$root/scripts/test-extra.sh"
+fi
+echo "== all tests passed"

@@ -1,0 +1,73 @@
+// Driver descriptors, the driver table, and the registry of active devices.
+#pragma once
+
+#include <glib.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "device/plc/plc_device.h"
+
+struct driver {
+    const char *name;
+    uint32_t comm; // informational only: matching ignores it
+    uint32_t mfg;
+    uint32_t type;
+    void *priv; // one per driver, shared by every device bound to it
+    int (*probe)();
+    int (*remove)();
+    // Writes the value as NUL-terminated text into the 32-byte buffer; 0 on success.
+    int (*read)(plc_device *dev, const char *addr, uint32_t data_type, char *value);
+    int (*write)(plc_device *dev, const char *addr, uint32_t data_type, const char *value);
+    int (*open)(plc_device *dev);
+    int (*release)(plc_device *dev);
+    int (*update_params)(plc_device *dev);
+    int (*save_config)(plc_device *dev);
+};
+
+struct driver_module {
+    int (*init)();
+    int (*deinit)();
+};
+
+// The compiled-in drivers in matching order, ended by a pair of nulls.
+extern const driver_module driver_modules[];
+
+void init_driver();
+void deinit_driver();
+int init_driver_modules(const driver_module *table);
+int deinit_driver_modules(const driver_module *table);
+
+int driver_register(driver *drv);
+int driver_unregister(driver *drv);
+GSList *get_activated_driver();
+
+// Device list: records of either kind, told apart by dev_comm_type. Changed
+// only under node_table_slist_mutex once the reading thread runs.
+int device_register(plc_device *dev);
+int device_unregister(plc_device *dev);
+GSList *get_activated_device();
+// Index lookup beside the list: the registered device with this id, or null.
+plc_device *device_find(uint32_t dev_id);
+// Frees a record of either kind (serial or Ethernet) by its dev_comm_type.
+void device_free(plc_device *dev);
+
+driver *device_driver_match(const plc_device *dev);
+
+void *__get_drvdata(const plc_device *dev);
+
+// The lifecycle every driver shares: init registers and probes, deinit
+// unregisters and removes; probe allocates the zeroed private data once.
+int driver_common_init(driver &drv, const char *func);
+int driver_common_deinit(driver &drv, const char *func);
+int driver_common_probe(driver &drv, const char *func, size_t priv_size, const char *present_text);
+int driver_common_remove(driver &drv, const char *func, const char *missing_text);
+// Drivers only log these; the daemon never writes to a PLC.
+int driver_log_only(const char *func);
+
+// Placeholders for operations a driver does not have yet: open and read fail.
+int driver_stub_open(plc_device *dev);
+int driver_stub_read(plc_device *dev, const char *addr, uint32_t data_type, char *value);
+int driver_stub_release(plc_device *dev);
+int driver_stub_write(plc_device *dev, const char *addr, uint32_t data_type, const char *value);
+int driver_stub_dev(plc_device *dev);

@@ -1,0 +1,21 @@
+// Defines a driver's probe/remove/init/deinit around its descriptor
+// `<name>_drv`. priv_type must be a plain struct: it is allocated zero-filled.
+#pragma once
+
+#include "device/driver/driver.h"
+
+#define DRIVER_LIFECYCLE(name, priv_type, present_text, missing_text)                        \
+    extern driver name##_drv;                                                                \
+    static int name##_probe()                                                                \
+    {                                                                                        \
+        return driver_common_probe(name##_drv, __func__, sizeof(priv_type), (present_text)); \
+    }                                                                                        \
+    static int name##_remove()                                                               \
+    {                                                                                        \
+        return driver_common_remove(name##_drv, __func__, (missing_text));                  \
+    }                                                                                        \
+    int name##_init() { return driver_common_init(name##_drv, __func__); }                   \
+    int name##_deinit() { return driver_common_deinit(name##_drv, __func__); }
+
+// "file:line" prefix the Q-series drivers put before their texts.
+#define DRIVER_WHERE __FILE__ ":" G_STRINGIFY(__LINE__) " "

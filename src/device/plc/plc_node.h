@@ -1,0 +1,53 @@
+// Node (data point) record and the node table list.
+#pragma once
+
+#include <glib.h>
+
+#include "device/plc/plc_device.h"
+
+struct node {
+    std::string dev_name;
+    uint32_t dev_id = 0;
+    uint32_t node_id = 0;
+    std::string node_name;
+    std::string node_addr;
+    uint32_t node_data_type = 0;
+    std::string node_unit;
+    uint32_t node_permission = 0;
+    int32_t node_report_enable = 0;
+    int32_t node_alarm_enable = 0;
+    uint32_t node_alarm_bit = 0;
+    uint32_t node_alarm_condition_major = 0;
+    int32_t node_alarm_value_major = 0;
+    uint32_t node_alarm_operation_type = 0;
+    uint32_t node_alarm_condition_minor = 0;
+    int32_t node_alarm_value_minor = 0;
+    std::string node_alarm_content;
+    std::string node_description;
+    char value[NODE_VALUE_SIZE] = {};
+};
+
+inline constexpr const char PLC_NODE_MODULE[] = "device/plc/plc_node";
+
+node *node_create(const char *dev_name, uint32_t dev_id, uint32_t node_id, const char *node_name,
+                  const char *node_addr, uint32_t node_data_type, const char *node_unit,
+                  uint32_t node_permission, int32_t node_report_enable, int32_t node_alarm_enable,
+                  uint32_t node_alarm_bit, uint32_t node_alarm_condition_major,
+                  int32_t node_alarm_value_major, uint32_t node_alarm_operation_type,
+                  uint32_t node_alarm_condition_minor, int32_t node_alarm_value_minor,
+                  const char *node_alarm_content, const char *node_description);
+// The copy has a zeroed value buffer.
+node *node_copy(const node *src);
+void node_free(node *n);
+void node_show(const node *n);
+
+// The node table list, in insertion order; it owns its nodes. Every caller
+// holds node_table_slist_mutex or runs before the reading thread exists.
+// Elements are node pointers.
+GList *get_node_table_list();
+int node_table_add_one(node *n);
+int node_table_del_one(uint32_t node_id);
+void node_table_del_all();
+// Index lookup beside the list: the node with this id, or null.
+node *node_table_find(uint32_t node_id);
+size_t node_table_length();

@@ -1,0 +1,139 @@
+#include "service/service.h"
+
+#include <fcntl.h>
+#include <glib-unix.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "acquisition/acquisition.h"
+#include "acquisition/upstream.h"
+#include "database/restore.h"
+#include "device/driver/driver.h"
+#include "device/plc/plc_dispatch.h"
+#include "service/log.h"
+#include "service/system_notify.h"
+
+namespace {
+constexpr char SERVICE_NAME[] = "com.fernwick.DeviceService";
+constexpr char SERVICE_PATH[] = "/com/fernwick/DeviceService";
+constexpr char SYSTEM_SERVICE_NAME[] = "com.fernwick.SystemService";
+constexpr char ZORV_SERVICE_NAME[] = "com.fernwick.ZorvService";
+} // namespace
+
+int daemonize(const char *pid_file)
+{
+    int fd = open(pid_file, O_RDWR | O_CREAT, 0644);
+    if (fd < 0) {
+        g_log(nullptr, G_LOG_LEVEL_CRITICAL, "can't open %s: %s\n", pid_file, strerror(errno));
+        return -1;
+    }
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = 0;
+    fl.l_len = 0;
+    if (fcntl(fd, F_SETLK, &fl) < 0) {
+        const int err = errno;
+        // Only a lock held by someone else closes the descriptor; on any other
+        // error it stays open, as it always has.
+        if (err == EACCES || err == EAGAIN)
+            close(fd);
+        g_log(nullptr, G_LOG_LEVEL_CRITICAL, "can't lock %s: %s\n", pid_file, strerror(err));
+        return -1;
+    }
+    if (ftruncate(fd, 0) != 0)
+        return -1;
+    char buf[32];
+    const int len = snprintf(buf, sizeof buf, "%u", static_cast<unsigned>(getpid()));
+    // The text goes out with its terminating NUL: readers of this file expect it.
+    if (write(fd, buf, static_cast<size_t>(len) + 1) < 0)
+        return -1;
+    return 0; // the descriptor stays open: the lock lives as long as the process
+}
+
+void sigroutine(int signo)
+{
+    if (signo == SIGTERM)
+        g_message("receive SIGTERM signal\n");
+}
+
+namespace {
+gboolean on_sigterm(gpointer /*user_data*/)
+{
+    sigroutine(SIGTERM);
+    return G_SOURCE_CONTINUE;
+}
+} // namespace
+
+void on_name_acquired(GDBusConnection *connection, const gchar * /*name*/, gpointer /*user_data*/)
+{
+    GatewayDeviceService *sk = gateway_device_service_skeleton_new();
+    skeleton.store(sk);
+    connect_device_service_handlers(sk);
+    g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(sk), connection, SERVICE_PATH,
+                                     nullptr);
+    pthread_t tid;
+    if (pthread_create(&tid, nullptr, thread_start, nullptr) == -1) {
+        g_print("pthread_create fail,exit -1\n");
+        exit(-1);
+    }
+    pthread_detach(tid);
+}
+
+void on_name_lost(GDBusConnection * /*connection*/, const gchar *name, gpointer /*user_data*/)
+{
+    g_print("Lost the name %s on the session bus,exit -1\n", name);
+    GatewayDeviceService *sk = skeleton.exchange(nullptr);
+    if (sk != nullptr)
+        g_object_unref(sk);
+    exit(-1);
+}
+
+int service_main(const service_paths &paths, void (*after_init_driver)())
+{
+    // Log lines must reach a pipe or the journal as they happen.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    set_runtime_paths(paths);
+    log_init();
+    if (daemonize(runtime_paths().pid_file.c_str()) != 0) {
+        g_critical("the service process is started\n");
+        log_deinit();
+        return -1;
+    }
+    g_message("start service, ppid/pid:[%u/%u]\n", static_cast<unsigned>(getppid()),
+              static_cast<unsigned>(getpid()));
+    // SIGTERM only logs, and the service keeps running. The line is printed
+    // from the main loop rather than inside the signal handler, where neither
+    // the log handler nor stdio may be used.
+    g_unix_signal_add(SIGTERM, on_sigterm, nullptr);
+
+    init_driver();
+    if (after_init_driver != nullptr)
+        after_init_driver();
+    init_database();
+
+    g_bus_own_name(G_BUS_TYPE_SESSION, SERVICE_NAME, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
+                   on_name_acquired, on_name_lost, nullptr, nullptr);
+    g_bus_watch_name(G_BUS_TYPE_SESSION, SYSTEM_SERVICE_NAME, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                     device_on_systemService_appeared, device_on_systemService_vanished, nullptr,
+                     nullptr);
+    g_bus_watch_name(G_BUS_TYPE_SESSION, ZORV_SERVICE_NAME, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                     device_on_zorvService_appeared, device_on_zorvService_vanished, nullptr,
+                     nullptr);
+
+    GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
+    g_main_loop_run(loop);
+
+    deinit_driver();
+    g_main_loop_unref(loop);
+    g_message("stop service, ppid/pid:[%u/%u]\n", static_cast<unsigned>(getppid()),
+              static_cast<unsigned>(getpid()));
+    log_deinit();
+    return 0;
+}

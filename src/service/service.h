@@ -1,0 +1,16 @@
+// Start-up, single-instance guard, bus name ownership.
+#pragma once
+
+#include <gio/gio.h>
+
+#include "service/runtime.h"
+
+int daemonize(const char *pid_file);
+void sigroutine(int signo);
+void on_name_acquired(GDBusConnection *connection, const gchar *name, gpointer user_data);
+void on_name_lost(GDBusConnection *connection, const gchar *name, gpointer user_data);
+
+// Runs the whole service with the given paths; returns main's result.
+// `after_init_driver`, when set, runs right after the drivers are registered
+// (tests use it to add a driver of their own).
+int service_main(const service_paths &paths, void (*after_init_driver)() = nullptr);

@@ -1,0 +1,370 @@
+#include "support/bus.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <thread>
+
+namespace dstest {
+
+namespace {
+
+constexpr char BUS_CONFIG[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:tmpdir=/tmp</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+)";
+
+bool reap(pid_t pid, int *status, std::chrono::milliseconds timeout)
+{
+    return wait_until(
+        [&] {
+            pid_t r = waitpid(pid, status, WNOHANG);
+            return r == pid || (r < 0 && errno == ECHILD);
+        },
+        timeout, 5ms);
+}
+
+} // namespace
+
+PrivateBus::PrivateBus()
+{
+    const std::string config = dir_.file("bus.conf");
+    write_file(config, BUS_CONFIG);
+    int fds[2];
+    if (pipe(fds) != 0)
+        throw std::runtime_error("pipe failed");
+    pid_ = fork();
+    if (pid_ == 0) {
+        close(fds[0]);
+        const std::string cfg_arg = "--config-file=" + config;
+        const std::string addr_arg = "--print-address=" + std::to_string(fds[1]);
+        int devnull = open("/dev/null", O_RDWR);
+        if (devnull >= 0) {
+            dup2(devnull, 0);
+            dup2(devnull, 1);
+        }
+        execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", cfg_arg.c_str(),
+               addr_arg.c_str(), static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    std::string line;
+    char c;
+    // The daemon prints its address once it listens: that is readiness.
+    while (read(fds[0], &c, 1) == 1 && c != '\n')
+        line += c;
+    close(fds[0]);
+    if (line.empty()) {
+        int status = 0;
+        reap(pid_, &status, 2s);
+        pid_ = -1;
+        throw std::runtime_error("dbus-daemon did not start");
+    }
+    address_ = line;
+}
+
+PrivateBus::~PrivateBus()
+{
+    if (conn_ != nullptr) {
+        g_dbus_connection_close_sync(conn_, nullptr, nullptr);
+        g_object_unref(conn_);
+    }
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        int status = 0;
+        if (!reap(pid_, &status, 5s)) {
+            kill(pid_, SIGKILL);
+            reap(pid_, &status, 5s);
+        }
+    }
+}
+
+GDBusConnection *PrivateBus::new_connection() const
+{
+    GError *error = nullptr;
+    GDBusConnection *c = g_dbus_connection_new_for_address_sync(
+        address_.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (c == nullptr) {
+        std::string msg = error != nullptr ? error->message : "unknown";
+        g_clear_error(&error);
+        throw std::runtime_error("cannot connect to the private bus: " + msg);
+    }
+    g_dbus_connection_set_exit_on_close(c, FALSE);
+    return c;
+}
+
+GDBusConnection *PrivateBus::connection()
+{
+    if (conn_ == nullptr)
+        conn_ = new_connection();
+    return conn_;
+}
+
+bool PrivateBus::name_has_owner(const char *name)
+{
+    GVariant *r = g_dbus_connection_call_sync(
+        connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "NameHasOwner", g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+    if (r == nullptr)
+        return false;
+    gboolean has = FALSE;
+    g_variant_get(r, "(b)", &has);
+    g_variant_unref(r);
+    return has != FALSE;
+}
+
+bool PrivateBus::wait_for_name(const char *name, std::chrono::milliseconds timeout)
+{
+    return wait_until([&] { return name_has_owner(name); }, timeout, 20ms);
+}
+
+bool PrivateBus::wait_for_name_gone(const char *name, std::chrono::milliseconds timeout)
+{
+    return wait_until([&] { return !name_has_owner(name); }, timeout, 20ms);
+}
+
+DaemonProcess::DaemonProcess(DaemonOptions options) : opts_(std::move(options))
+{
+    if (opts_.pid_file.empty())
+        opts_.pid_file = opts_.workdir + "/device-service.pid";
+    if (opts_.tty1.empty())
+        opts_.tty1 = opts_.workdir + "/ttymxc1";
+    if (opts_.tty2.empty())
+        opts_.tty2 = opts_.workdir + "/ttymxc2";
+    const std::string out_path = opts_.workdir + "/" + opts_.log_name + ".out";
+    const std::string err_path = opts_.workdir + "/" + opts_.log_name + ".err";
+    pid_ = fork();
+    if (pid_ == 0) {
+        int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int in = open("/dev/null", O_RDONLY);
+        if (out < 0 || err < 0 || in < 0 || chdir(opts_.workdir.c_str()) != 0)
+            _exit(126);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        setenv("DBUS_SESSION_BUS_ADDRESS", opts_.bus_address.c_str(), 1);
+        // Keep GLib's own debug chatter out of the daemon's output.
+        unsetenv("G_MESSAGES_DEBUG");
+        std::vector<std::string> args = {opts_.binary,       "--pid-file", opts_.pid_file,
+                                         "--tty1",           opts_.tty1,   "--tty2",
+                                         opts_.tty2};
+        if (opts_.test_driver)
+            args.emplace_back("--test-driver");
+        std::vector<char *> argv;
+        for (auto &a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(opts_.binary.c_str(), argv.data());
+        _exit(127);
+    }
+    if (pid_ < 0)
+        throw std::runtime_error("fork failed");
+}
+
+DaemonProcess::~DaemonProcess()
+{
+    kill_now();
+}
+
+void DaemonProcess::kill_now()
+{
+    if (pid_ > 0 && !reaped_) {
+        kill(pid_, SIGKILL);
+        reap(pid_, &status_, 10s);
+        reaped_ = true;
+    }
+}
+
+std::string DaemonProcess::out() const
+{
+    return read_file(opts_.workdir + "/" + opts_.log_name + ".out");
+}
+
+std::string DaemonProcess::err() const
+{
+    return read_file(opts_.workdir + "/" + opts_.log_name + ".err");
+}
+
+bool DaemonProcess::wait_output(const std::string &needle, std::chrono::milliseconds timeout,
+                                size_t occurrences) const
+{
+    return wait_until([&] { return count_of(out(), needle) >= occurrences; }, timeout, 20ms);
+}
+
+int DaemonProcess::wait_exit(std::chrono::milliseconds timeout)
+{
+    if (!reaped_) {
+        if (!wait_until(
+                [&] {
+                    pid_t r = waitpid(pid_, &status_, WNOHANG);
+                    return r == pid_;
+                },
+                timeout, 5ms))
+            return -1000;
+        reaped_ = true;
+    }
+    if (WIFEXITED(status_))
+        return WEXITSTATUS(status_);
+    if (WIFSIGNALED(status_))
+        return 128 + WTERMSIG(status_);
+    return -1;
+}
+
+bool DaemonProcess::running()
+{
+    if (reaped_)
+        return false;
+    pid_t r = waitpid(pid_, &status_, WNOHANG);
+    if (r == pid_) {
+        reaped_ = true;
+        return false;
+    }
+    return true;
+}
+
+void DaemonProcess::send_signal(int signo)
+{
+    if (!reaped_)
+        kill(pid_, signo);
+}
+
+CallResult call_device(GDBusConnection *conn, const char *method, GVariant *params,
+                       int timeout_ms)
+{
+    CallResult res;
+    GError *error = nullptr;
+    GVariant *r = g_dbus_connection_call_sync(
+        conn, "com.fernwick.DeviceService", "/com/fernwick/DeviceService",
+        "com.fernwick.DeviceService", method, params, nullptr, G_DBUS_CALL_FLAGS_NONE,
+        timeout_ms, nullptr, &error);
+    if (r == nullptr) {
+        gchar *remote = g_dbus_error_get_remote_error(error);
+        res.error = remote != nullptr ? remote : "";
+        g_free(remote);
+        g_dbus_error_strip_remote_error(error);
+        res.message = error->message;
+        g_clear_error(&error);
+        return res;
+    }
+    if (g_variant_is_of_type(r, G_VARIANT_TYPE("(i)"))) {
+        res.ok = true;
+        g_variant_get(r, "(i)", &res.response);
+    } else {
+        res.error = "unexpected reply type";
+        res.message = g_variant_get_type_string(r);
+    }
+    g_variant_unref(r);
+    return res;
+}
+
+NodesRecorder::NodesRecorder(GDBusConnection *conn) : conn_(conn)
+{
+    id_ = g_dbus_connection_signal_subscribe(
+        conn_, nullptr, "com.fernwick.DeviceService", "nodes", "/com/fernwick/DeviceService",
+        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, on_signal, this, nullptr);
+}
+
+NodesRecorder::~NodesRecorder()
+{
+    g_dbus_connection_signal_unsubscribe(conn_, id_);
+    clear();
+}
+
+void NodesRecorder::clear()
+{
+    for (GVariant *v : cycles_)
+        g_variant_unref(v);
+    cycles_.clear();
+    times_.clear();
+}
+
+void NodesRecorder::on_signal(GDBusConnection *, const gchar *, const gchar *, const gchar *,
+                              const gchar *, GVariant *parameters, gpointer user_data)
+{
+    auto *self = static_cast<NodesRecorder *>(user_data);
+    if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(a(usuuv))")))
+        return;
+    self->cycles_.push_back(g_variant_get_child_value(parameters, 0));
+    self->times_.push_back(static_cast<double>(g_get_monotonic_time()) / 1e6);
+}
+
+bool NodesRecorder::wait_for_count(size_t n, std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (cycles_.size() < n) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        if (!g_main_context_iteration(nullptr, FALSE))
+            std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+void pump_main_context(std::chrono::milliseconds duration)
+{
+    const auto deadline = std::chrono::steady_clock::now() + duration;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (!g_main_context_iteration(nullptr, FALSE))
+            std::this_thread::sleep_for(5ms);
+    }
+}
+
+std::vector<std::string> cycle_values(GVariant *cycle)
+{
+    std::vector<std::string> out;
+    GVariantIter it;
+    g_variant_iter_init(&it, cycle);
+    guint32 dev_id, mfg, type;
+    const gchar *dev_name;
+    GVariant *nodes;
+    while (g_variant_iter_next(&it, "(u&suu@v)", &dev_id, &dev_name, &mfg, &type, &nodes)) {
+        GVariant *arr = g_variant_get_variant(nodes);
+        GVariantIter nit;
+        g_variant_iter_init(&nit, arr);
+        const gchar *name, *addr, *value;
+        guint32 dtype;
+        while (g_variant_iter_next(&nit, "(&s&su&s)", &name, &addr, &dtype, &value))
+            out.push_back(std::to_string(dev_id) + "/" + name + "=" + value);
+        g_variant_unref(arr);
+        g_variant_unref(nodes);
+    }
+    return out;
+}
+
+std::vector<std::string> cycle_devices(GVariant *cycle)
+{
+    std::vector<std::string> out;
+    GVariantIter it;
+    g_variant_iter_init(&it, cycle);
+    guint32 dev_id, mfg, type;
+    const gchar *dev_name;
+    GVariant *nodes;
+    while (g_variant_iter_next(&it, "(u&suu@v)", &dev_id, &dev_name, &mfg, &type, &nodes)) {
+        GVariant *arr = g_variant_get_variant(nodes);
+        out.push_back(std::to_string(dev_id) + ":" + dev_name + ":" +
+                      std::to_string(g_variant_n_children(arr)));
+        g_variant_unref(arr);
+        g_variant_unref(nodes);
+    }
+    return out;
+}
+
+} // namespace dstest

@@ -1,0 +1,42 @@
+// Fixture for end-to-end tests: a scratch working directory, a private bus,
+// the stand-in system service and the daemon under test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "support/bus.h"
+#include "support/standin_system_service.h"
+#include "support/test_util.h"
+
+#include <cstring>
+
+namespace dstest {
+
+class DaemonTest : public ::testing::Test {
+protected:
+    DaemonTest();
+    ~DaemonTest() override;
+
+    // Starts the daemon and waits until it owns its bus name and exports its object.
+    DaemonProcess &start_daemon(bool test_driver = false);
+    // Kills the daemon (SIGKILL) and starts it again in the same directory.
+    DaemonProcess &restart_daemon();
+    void stop_daemon();
+    // Starts the stand-in system service (the reading loop starts only then).
+    StandInSystemService &start_system_service(uint32_t scan_interval = 1);
+
+    GDBusConnection *conn() { return bus_.connection(); }
+    CallResult call(const char *method, GVariant *params) { return call_device(conn(), method, params); }
+    std::string db_path() const { return dir_.file("my.db"); }
+
+    TempDir dir_;
+    PrivateBus bus_;
+    StandInSystemService system_;
+    std::unique_ptr<DaemonProcess> daemon_;
+    DaemonOptions options_;
+    int starts_ = 0;
+};
+
+} // namespace dstest

@@ -1,0 +1,131 @@
+#include "support/standin_system_service.h"
+
+#include <stdexcept>
+
+#include "support/test_util.h"
+
+namespace dstest {
+
+struct StandInHandlers {
+    static gboolean get_scan_interval(GatewaySystemService *sk, GDBusMethodInvocation *inv,
+                                      gpointer user_data)
+    {
+        auto *self = static_cast<StandInSystemService *>(user_data);
+        self->count_call("getScanInterval");
+        if (self->fail_calls_) {
+            g_dbus_method_invocation_return_dbus_error(inv, "org.freedesktop.DBus.Error.Failed",
+                                                       "stand-in told to fail");
+            return TRUE;
+        }
+        gateway_system_service_complete_get_scan_interval(sk, inv, self->scan_interval_,
+                                                          self->response_);
+        return TRUE;
+    }
+};
+
+StandInSystemService::StandInSystemService(std::string bus_address)
+    : address_(std::move(bus_address))
+{
+}
+
+StandInSystemService::~StandInSystemService()
+{
+    stop();
+}
+
+void StandInSystemService::count_call(const char *method)
+{
+    std::lock_guard<std::mutex> lock(calls_mutex_);
+    call_log_ += std::string(method) + "\n";
+}
+
+int StandInSystemService::calls(const std::string &method)
+{
+    std::lock_guard<std::mutex> lock(calls_mutex_);
+    return static_cast<int>(count_of(call_log_, method + "\n"));
+}
+
+void StandInSystemService::connect_handlers()
+{
+    g_signal_connect(skeleton_, "handle-get-scan-interval",
+                     G_CALLBACK(StandInHandlers::get_scan_interval), this);
+}
+
+void StandInSystemService::start()
+{
+    if (thread_.joinable())
+        return;
+    ready_ = false;
+    thread_ = std::thread([this] { run(); });
+    if (!wait_until([this] { return ready_.load(); }, 10s))
+        throw std::runtime_error("stand-in system service did not come up");
+}
+
+void StandInSystemService::run()
+{
+    ctx_ = g_main_context_new();
+    g_main_context_push_thread_default(ctx_);
+    loop_ = g_main_loop_new(ctx_, FALSE);
+    GError *error = nullptr;
+    conn_ = g_dbus_connection_new_for_address_sync(
+        address_.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (conn_ != nullptr) {
+        g_dbus_connection_set_exit_on_close(conn_, FALSE);
+        skeleton_ = gateway_system_service_skeleton_new();
+        connect_handlers();
+        g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), conn_,
+                                         "/com/fernwick/SystemService", nullptr);
+        GVariant *r = g_dbus_connection_call_sync(
+            conn_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "RequestName", g_variant_new("(su)", "com.fernwick.SystemService", 4u),
+            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+        if (r != nullptr)
+            g_variant_unref(r);
+        ready_ = true;
+        g_main_loop_run(loop_);
+        g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton_));
+        g_object_unref(skeleton_);
+        skeleton_ = nullptr;
+        g_dbus_connection_close_sync(conn_, nullptr, nullptr);
+        g_object_unref(conn_);
+        conn_ = nullptr;
+    } else {
+        g_clear_error(&error);
+        ready_ = true;
+    }
+    // Let pending idle work run before the context goes.
+    while (g_main_context_iteration(ctx_, FALSE)) {
+    }
+    g_main_loop_unref(loop_);
+    loop_ = nullptr;
+    g_main_context_pop_thread_default(ctx_);
+    g_main_context_unref(ctx_);
+    ctx_ = nullptr;
+}
+
+void StandInSystemService::stop()
+{
+    if (!thread_.joinable())
+        return;
+    g_main_context_invoke(
+        ctx_,
+        [](gpointer data) -> gboolean {
+            g_main_loop_quit(static_cast<GMainLoop *>(data));
+            return G_SOURCE_REMOVE;
+        },
+        loop_);
+    thread_.join();
+}
+
+void StandInSystemService::emit_notify(const std::string &key, const std::string &value)
+{
+    if (!thread_.joinable() || skeleton_ == nullptr)
+        return;
+    gateway_system_service_emit_signal_notify(skeleton_, key.c_str(), value.c_str());
+    g_dbus_connection_flush_sync(conn_, nullptr, nullptr);
+}
+
+} // namespace dstest
