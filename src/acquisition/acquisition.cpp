@@ -3,7 +3,150 @@
 #include <glib.h>
 #include <unistd.h>
 
+#include "device/driver/driver.h"
+#include "device/plc/plc_ethernet.h"
+#include "device/plc/plc_node.h"
+#include "device/plc/plc_serial.h"
 #include "service/runtime.h"
+
+namespace {
+
+// Waits out a configuration change that is still running (flag 1).
+void wait_change_done()
+{
+    while (List_Change_Flag.load() == 1)
+        sleep(1);
+}
+
+plc_device *copy_device(const plc_device *dev)
+{
+    switch (dev->dev_comm_type) {
+    case DEV_COMM_SERIAL: return serial_device_copy(static_cast<const serial_device *>(dev));
+    case DEV_COMM_ETHERNET: return ethernet_device_copy(static_cast<const ethernet_device *>(dev));
+    default: return nullptr;
+    }
+}
+
+enum class pass_result { done, aborted };
+
+// Reads the nodes of one opened device. Only nodes the device owns are
+// copied: the per-node cost does not grow with other devices' nodes beyond
+// an id comparison under the lock.
+pass_result read_device_nodes(plc_device *dev, GVariantBuilder *nodes)
+{
+    GList *cur = nullptr;
+    bool first = true;
+    for (;;) {
+        node *copy = nullptr;
+        {
+            std::unique_lock<std::mutex> lock(node_table_slist_mutex);
+            if (List_Change_Flag.load() != 0) {
+                g_print("-----------------Abort 1-------------------------\n");
+                wait_change_done();
+                return pass_result::aborted;
+            }
+            // With the flag still 0 no handler has touched the list since the
+            // cycle began, so the cell we stopped at is still linked.
+            cur = first ? get_node_table_list() : cur->next;
+            first = false;
+            if (cur == nullptr)
+                return pass_result::done;
+            const auto *live = static_cast<const node *>(cur->data);
+            if (live->dev_id == dev->dev_id)
+                copy = node_copy(live);
+        }
+        if (copy != nullptr) {
+            if (dev->driver->read(dev, copy->node_addr.c_str(), copy->node_data_type,
+                                  copy->value) != 0) {
+                g_warning("%s:%d %s = NULL\n", "read_PLC_nodes_3", 665, copy->node_addr.c_str());
+            } else {
+                copy->value[NODE_VALUE_SIZE - 1] = '\0';
+                g_variant_builder_add(nodes, "(ssus)", copy->node_name.c_str(),
+                                      copy->node_addr.c_str(), copy->node_data_type, copy->value);
+            }
+            node_free(copy);
+        }
+        if (List_Change_Flag.load() != 0) {
+            g_print("-----------------Abort 2-------------------------\n");
+            wait_change_done();
+            return pass_result::aborted;
+        }
+    }
+}
+
+// One cycle; true when it completed and was emitted.
+bool run_cycle()
+{
+    g_message("read nodes table :\n");
+    List_Change_Flag.store(0);
+    GVariantBuilder cycle;
+    g_variant_builder_init(&cycle, G_VARIANT_TYPE("a(usuuv)"));
+
+    GSList *cur = nullptr;
+    bool first = true;
+    for (;;) {
+        plc_device *dev = nullptr;
+        {
+            std::unique_lock<std::mutex> lock(node_table_slist_mutex);
+            if (List_Change_Flag.load() != 0) {
+                g_print("-----------------Abort 0-------------------------\n");
+                wait_change_done();
+                g_variant_builder_clear(&cycle);
+                return false;
+            }
+            cur = first ? get_activated_device() : cur->next;
+            first = false;
+            if (cur == nullptr)
+                break;
+            const auto *live = static_cast<const plc_device *>(cur->data);
+            dev = copy_device(live);
+            if (dev == nullptr)
+                break; // a record of unknown kind ends this cycle's walk
+            dev->driver = live->driver;
+        }
+
+        GVariantBuilder nodes;
+        g_variant_builder_init(&nodes, G_VARIANT_TYPE("a(ssus)"));
+        if (dev->driver->open(dev) == 0) {
+            if (read_device_nodes(dev, &nodes) == pass_result::aborted) {
+                dev->driver->release(dev);
+                device_free(dev);
+                g_variant_builder_clear(&nodes);
+                g_variant_builder_clear(&cycle);
+                return false;
+            }
+            dev->driver->release(dev);
+        }
+        g_variant_builder_add(&cycle, "(usuu@v)", dev->dev_id, dev->dev_name.c_str(), dev->dev_mfg,
+                              dev->dev_type, g_variant_new_variant(g_variant_builder_end(&nodes)));
+        device_free(dev);
+
+        if (List_Change_Flag.load() != 0) {
+            g_print("-----------------Abort 3-------------------------\n");
+            wait_change_done();
+            g_variant_builder_clear(&cycle);
+            return false;
+        }
+    }
+
+    GVariant *value = g_variant_builder_end(&cycle);
+    GatewayDeviceService *sk = skeleton.load();
+    if (sk != nullptr)
+        gateway_device_service_emit_nodes(sk, value);
+    else
+        g_variant_unref(g_variant_ref_sink(value));
+    return true;
+}
+
+} // namespace
+
+void read_PLC_nodes_3()
+{
+    for (;;) {
+        if (run_cycle())
+            sleep(scan_interval.load());
+    }
+}
 
 void *thread_start(void * /*arg*/)
 {
@@ -11,7 +154,5 @@ void *thread_start(void * /*arg*/)
         g_print("waiting systemService ... \n");
         sleep(1);
     }
-    for (;;)
-        sleep(scan_interval.load());
-    return nullptr;
+    read_PLC_nodes_3();
 }

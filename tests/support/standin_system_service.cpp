@@ -6,22 +6,80 @@
 
 namespace dstest {
 
+// Every method is answered here, before the typed handlers: the reply is
+// built from the method's out arguments (texts are the argument names,
+// integers 7, the scan interval and `response` as set), unless a test set
+// a reply of its own.
 struct StandInHandlers {
-    static gboolean get_scan_interval(GatewaySystemService *sk, GDBusMethodInvocation *inv,
-                                      gpointer user_data)
+    static gboolean authorize(GDBusInterfaceSkeleton *, GDBusMethodInvocation *inv,
+                              gpointer user_data)
     {
         auto *self = static_cast<StandInSystemService *>(user_data);
-        self->count_call("getScanInterval");
+        const char *method = g_dbus_method_invocation_get_method_name(inv);
+        self->count_call(method);
+        {
+            gchar *printed = g_variant_print(g_dbus_method_invocation_get_parameters(inv), FALSE);
+            std::lock_guard<std::mutex> lock(self->calls_mutex_);
+            self->params_[method] = printed;
+            g_free(printed);
+        }
+        g_object_ref(inv);
         if (self->fail_calls_) {
             g_dbus_method_invocation_return_dbus_error(inv, "org.freedesktop.DBus.Error.Failed",
                                                        "stand-in told to fail");
-            return TRUE;
+            return FALSE;
         }
-        gateway_system_service_complete_get_scan_interval(sk, inv, self->scan_interval_,
-                                                          self->response_);
-        return TRUE;
+        g_dbus_method_invocation_return_value(
+            inv, self->reply_for(method, g_dbus_method_invocation_get_method_info(inv)));
+        return FALSE;
     }
 };
+
+GVariant *StandInSystemService::reply_for(const char *method, const GDBusMethodInfo *info)
+{
+    {
+        std::lock_guard<std::mutex> lock(calls_mutex_);
+        auto it = replies_.find(method);
+        if (it != replies_.end())
+            return g_variant_ref(it->second);
+    }
+    GVariantBuilder b;
+    g_variant_builder_init(&b, G_VARIANT_TYPE_TUPLE);
+    for (GDBusArgInfo **a = info->out_args; a != nullptr && *a != nullptr; ++a) {
+        const std::string sig = (*a)->signature;
+        const std::string name = (*a)->name;
+        if (name == "response")
+            g_variant_builder_add(&b, "i", response_.load());
+        else if (name == "scanInterval")
+            g_variant_builder_add(&b, "u", scan_interval_.load());
+        else if (sig == "u")
+            g_variant_builder_add(&b, "u", 7u);
+        else if (sig == "s")
+            g_variant_builder_add(&b, "s", name.c_str());
+        else if (sig == "b")
+            g_variant_builder_add(&b, "b", TRUE);
+        else // a(ssu), the only other out type of the interface
+            g_variant_builder_add_value(
+                &b, g_variant_new_parsed("[('topic/a', 'press', uint32 5), ('topic/b', 'oven', 6)]"));
+    }
+    return g_variant_builder_end(&b);
+}
+
+void StandInSystemService::set_reply(const std::string &method, GVariant *reply)
+{
+    std::lock_guard<std::mutex> lock(calls_mutex_);
+    auto &slot = replies_[method];
+    if (slot != nullptr)
+        g_variant_unref(slot);
+    slot = g_variant_ref_sink(reply);
+}
+
+std::string StandInSystemService::last_params(const std::string &method)
+{
+    std::lock_guard<std::mutex> lock(calls_mutex_);
+    auto it = params_.find(method);
+    return it == params_.end() ? "" : it->second;
+}
 
 StandInSystemService::StandInSystemService(std::string bus_address)
     : address_(std::move(bus_address))
@@ -31,6 +89,8 @@ StandInSystemService::StandInSystemService(std::string bus_address)
 StandInSystemService::~StandInSystemService()
 {
     stop();
+    for (auto &r : replies_)
+        g_variant_unref(r.second);
 }
 
 void StandInSystemService::count_call(const char *method)
@@ -47,8 +107,8 @@ int StandInSystemService::calls(const std::string &method)
 
 void StandInSystemService::connect_handlers()
 {
-    g_signal_connect(skeleton_, "handle-get-scan-interval",
-                     G_CALLBACK(StandInHandlers::get_scan_interval), this);
+    g_signal_connect(skeleton_, "g-authorize-method", G_CALLBACK(StandInHandlers::authorize),
+                     this);
 }
 
 void StandInSystemService::start()

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -28,8 +29,12 @@ public:
     void set_scan_interval(uint32_t seconds) { scan_interval_ = seconds; }
     // `response` of every method (0 success).
     void set_response(int response) { response_ = response; }
-    // When set, getScanInterval answers with a D-Bus error instead.
+    // When set, every method answers with a D-Bus error instead.
     void set_fail_calls(bool fail) { fail_calls_ = fail; }
+    // Overrides the reply of one method (a tuple of its out arguments).
+    void set_reply(const std::string &method, GVariant *reply);
+    // The in arguments of the last call of a method, as g_variant_print shows them.
+    std::string last_params(const std::string &method);
     void emit_notify(const std::string &key, const std::string &value);
     // Number of calls of one method (by its D-Bus name) so far.
     int calls(const std::string &method);
@@ -38,6 +43,7 @@ private:
     void run();
     void connect_handlers();
     void count_call(const char *method);
+    GVariant *reply_for(const char *method, const GDBusMethodInfo *info);
 
     std::string address_;
     std::thread thread_;
@@ -51,6 +57,8 @@ private:
     std::atomic<bool> ready_{false};
     std::mutex calls_mutex_;
     std::string call_log_;
+    std::map<std::string, GVariant *> replies_;
+    std::map<std::string, std::string> params_;
 
     friend struct StandInHandlers;
 };
