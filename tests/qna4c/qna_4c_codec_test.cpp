@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "device/driver/serial/qna_4c_codec.h"
-#include "qna4c/log_records.h"
+#include "serial_common/log_records.h"
 
 namespace {
 
