@@ -27,7 +27,16 @@ configure_and_build build/ci-asan -DDS_SANITIZE=address
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build/ci-asan -j "$jobs" --output-on-failure
 
-if [ -f "$root/scripts/test-extra.sh" ]; then
-  bash "$root/scripts/test-extra.sh"
-fi
+echo "== ThreadSanitizer (the daemon under TSan, driven by the concurrency tests)"
+# The test programs stay uninstrumented (TSan does not survive their fork of
+# dbus-daemon from a threaded process); the daemon they start is the TSan one.
+cmake -S "$root" -B build/ci-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDS_WERROR=ON \
+  -DDS_SANITIZE=thread >/dev/null
+cmake --build build/ci-tsan -j "$jobs" --target device-service-test
+TSAN_OPTIONS="halt_on_error=1 exitcode=66 suppressions=$root/tests/tsan.supp" \
+DS_TEST_DAEMON_BINARY="$root/build/ci-tsan/tests/device-service-test" \
+  ctest --test-dir build/ci -j "$jobs" --output-on-failure -R 'Loop|Concurrency'
+
+echo "== fuzzing"
+FUZZ_BUILD=build/ci-fuzz bash scripts/fuzz.sh
 echo "== all tests passed"

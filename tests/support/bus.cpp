@@ -140,6 +140,12 @@ bool PrivateBus::wait_for_name_gone(const char *name, std::chrono::milliseconds 
     return wait_until([&] { return !name_has_owner(name); }, timeout, 20ms);
 }
 
+std::string default_daemon_binary()
+{
+    const char *env = getenv("DS_TEST_DAEMON_BINARY");
+    return env != nullptr && *env != '\0' ? env : DS_TEST_DAEMON;
+}
+
 DaemonProcess::DaemonProcess(DaemonOptions options) : opts_(std::move(options))
 {
     if (opts_.pid_file.empty())

@@ -38,6 +38,8 @@ private:
     GDBusConnection *conn_ = nullptr;
 };
 
+std::string default_daemon_binary();
+
 struct DaemonOptions {
     std::string workdir;      // the daemon's working directory (my.db lives here)
     std::string bus_address;  // DBUS_SESSION_BUS_ADDRESS
@@ -45,7 +47,9 @@ struct DaemonOptions {
     std::string tty1;         // defaults to workdir/ttymxc1
     std::string tty2;         // defaults to workdir/ttymxc2
     bool test_driver = false; // register the tests' driver (mfg 99, model 999)
-    std::string binary = DS_TEST_DAEMON;
+    // The daemon binary; DS_TEST_DAEMON_BINARY overrides it, so that the
+    // same tests can run against a sanitizer build of the daemon.
+    std::string binary = default_daemon_binary();
     std::string log_name = "daemon"; // output goes to workdir/<log_name>.out and .err
 };
 
