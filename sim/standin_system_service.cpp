@@ -1,10 +1,10 @@
-#include "support/standin_system_service.h"
+#include "sim/standin_system_service.h"
 
 #include <stdexcept>
 
-#include "support/test_util.h"
+#include <chrono>
 
-namespace dstest {
+namespace sim {
 
 // Every method is answered here, before the typed handlers: the reply is
 // built from the method's out arguments (texts are the argument names,
@@ -102,7 +102,13 @@ void StandInSystemService::count_call(const char *method)
 int StandInSystemService::calls(const std::string &method)
 {
     std::lock_guard<std::mutex> lock(calls_mutex_);
-    return static_cast<int>(count_of(call_log_, method + "\n"));
+    const std::string needle = method + "\n";
+    int n = 0;
+    for (size_t pos = call_log_.find(needle); pos != std::string::npos;
+         pos = call_log_.find(needle, pos + needle.size()))
+        if (pos == 0 || call_log_[pos - 1] == '\n')
+            ++n;
+    return n;
 }
 
 void StandInSystemService::connect_handlers()
@@ -117,8 +123,12 @@ void StandInSystemService::start()
         return;
     ready_ = false;
     thread_ = std::thread([this] { run(); });
-    if (!wait_until([this] { return ready_.load(); }, 10s))
-        throw std::runtime_error("stand-in system service did not come up");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!ready_.load()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            throw std::runtime_error("stand-in system service did not come up");
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
 }
 
 void StandInSystemService::run()
@@ -188,4 +198,4 @@ void StandInSystemService::emit_notify(const std::string &key, const std::string
     g_dbus_connection_flush_sync(conn_, nullptr, nullptr);
 }
 
-} // namespace dstest
+} // namespace sim
