@@ -116,30 +116,37 @@ void SerialLine::run()
         }
         buf.insert(buf.end(), chunk, chunk + n);
         for (;;) {
-            // Drop bytes no protocol can start with (line noise, stale echoes).
-            size_t skip = 0;
-            SerialProtocolSim *proto = nullptr;
-            while (skip < buf.size() && proto == nullptr) {
+            // Offer the buffer to each protocol that accepts its first byte;
+            // bytes no protocol takes are line noise and are dropped.
+            bool progressed = false;
+            bool waiting = false;
+            while (!buf.empty() && !progressed && !waiting) {
+                bool claimed = false;
                 for (auto *p : protocols_) {
-                    if (p->accepts(buf[skip])) {
-                        proto = p;
+                    if (!p->accepts(buf[0]))
+                        continue;
+                    std::vector<uint8_t> answer;
+                    const size_t used = p->feed(buf.data(), buf.size(), answer);
+                    if (used == SerialProtocolSim::NOT_MINE)
+                        continue;
+                    claimed = true;
+                    if (used == 0) {
+                        waiting = true;
                         break;
                     }
+                    buf.erase(buf.begin(),
+                              buf.begin() + static_cast<long>(std::min(used, buf.size())));
+                    ++requests_;
+                    if (!p->faults.silent && !answer.empty())
+                        write_answer(*p, answer);
+                    progressed = true;
+                    break;
                 }
-                if (proto == nullptr)
-                    ++skip;
+                if (!claimed)
+                    buf.erase(buf.begin());
             }
-            buf.erase(buf.begin(), buf.begin() + static_cast<long>(skip));
-            if (proto == nullptr || buf.empty())
+            if (!progressed)
                 break;
-            std::vector<uint8_t> answer;
-            const size_t used = proto->feed(buf.data(), buf.size(), answer);
-            if (used == 0)
-                break;
-            buf.erase(buf.begin(), buf.begin() + static_cast<long>(std::min(used, buf.size())));
-            ++requests_;
-            if (!proto->faults.silent && !answer.empty())
-                write_answer(*proto, answer);
         }
         // A request that never completes must not wedge the line forever.
         if (buf.size() > 4096)

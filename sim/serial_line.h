@@ -35,7 +35,10 @@ public:
     virtual bool accepts(uint8_t first) const = 0;
     // Given the bytes buffered so far (data[0] accepted), returns how many
     // bytes form a complete request (0: need more) and fills `answer` (may
-    // stay empty: no answer). Must not read past `len`.
+    // stay empty: no answer), or NOT_MINE when the bytes cannot be a
+    // request of this protocol after all (the line then offers them to the
+    // next protocol that accepts the first byte). Must not read past `len`.
+    static constexpr size_t NOT_MINE = static_cast<size_t>(-1);
     virtual size_t feed(const uint8_t *data, size_t len, std::vector<uint8_t> &answer) = 0;
 
     Faults faults;
