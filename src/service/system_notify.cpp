@@ -55,9 +55,3 @@ void on_signal_notify_device(GatewaySystemService *proxy, const gchar *key, cons
         on_handle_gateway_destroy();
     }
 }
-
-// TEMPORARY until the configuration wipe lands.
-__attribute__((weak)) int on_handle_gateway_destroy()
-{
-    return -1;
-}

@@ -56,3 +56,8 @@ void convert_node_data_type(uint32_t code, char *text, size_t size)
 {
     g_strlcpy(text, node_data_type_text(code), size);
 }
+
+void plc_error_report(const char *module, const char *func, int line, const char *msg)
+{
+    printf("\n\nFile: %s\nFunc: %s\nLine: %d\nMsg: %s\n\n", module, func, line, msg);
+}

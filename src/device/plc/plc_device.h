@@ -78,3 +78,6 @@ struct plc_device {
 // The error report of the configuration modules, on stdout through printf.
 #define PLC_ERROR_REPORT(module, msg) \
     printf("\n\nFile: %s\nFunc: %s\nLine: %d\nMsg: %s\n\n", (module), __func__, __LINE__, (msg))
+
+// The same report naming a given function (for shared handler code).
+void plc_error_report(const char *module, const char *func, int line, const char *msg);

@@ -1,0 +1,205 @@
+// The device handlers' shared body: serial and Ethernet devices are added,
+// modified, deleted and synchronised the same way, with the few points
+// where they differ in a kind description (`serial_kind`, `ethernet_kind`).
+#pragma once
+
+#include <glib.h>
+
+#include <vector>
+
+#include "database/plc_database.h"
+#include "device/driver/driver.h"
+#include "device/plc/plc_handlers.h"
+#include "device/plc/plc_node.h"
+#include "service/runtime.h"
+
+namespace plc_handlers {
+
+// Runs `work` inside the configuration change frame and answers with its
+// result through `complete`.
+template <typename Work, typename Complete>
+gboolean serve(const char *func, Work work, Complete complete)
+{
+    g_print("<%s> called\n", func);
+    config_change_frame frame;
+    complete(work());
+    return TRUE;
+}
+
+template <typename Kind> typename Kind::record *find_of_kind(uint32_t dev_id)
+{
+    plc_device *dev = device_find(dev_id);
+    if (dev == nullptr || dev->dev_comm_type != Kind::comm)
+        return nullptr;
+    return static_cast<typename Kind::record *>(dev);
+}
+
+// Answers 1 for an id any device already has (of either kind); otherwise
+// builds the record with `create` and binds and registers it.
+template <typename Kind, typename Create>
+int device_add(const char *func, uint32_t dev_id, Create create)
+{
+    if (device_find(dev_id) != nullptr) {
+        plc_error_report(Kind::module, func, __LINE__, Kind::same_id);
+        return 1;
+    }
+    typename Kind::record *rec = create();
+    if (rec == nullptr)
+        return 2;
+    driver *drv = device_driver_match(rec);
+    if (drv == nullptr) {
+        Kind::free(rec);
+        return 2;
+    }
+    if (Kind::announce_before_register)
+        g_print("===> dev add: dev_name:%s, dev_id:%d\n", rec->dev_name.c_str(), rec->dev_id);
+    rec->driver = drv;
+    device_register(rec);
+    Kind::db_add(rec); // memory wins: a row that cannot be written is not fatal
+    if (!Kind::announce_before_register)
+        g_print("===> dev add: dev_name:%s, dev_id:%d\n", rec->dev_name.c_str(), rec->dev_id);
+    return 0;
+}
+
+// `req` is the record built from the request; it is consumed.
+template <typename Kind> int device_mdf(const char *func, typename Kind::record *req)
+{
+    plc_device *found = device_find(req->dev_id);
+    if (found == nullptr || found->dev_comm_type != Kind::comm) {
+        plc_error_report(Kind::module, func, __LINE__, Kind::not_exist);
+        Kind::free(req);
+        return 6;
+    }
+    auto *dev = static_cast<typename Kind::record *>(found);
+    if (dev->dev_mfg != req->dev_mfg || dev->dev_type != req->dev_type) {
+        // A new model is a new device: the old one goes with its nodes, in
+        // memory and in the database, even if the new one cannot be bound.
+        for (GList *l = get_node_table_list(); l != nullptr;) {
+            auto *n = static_cast<node *>(l->data);
+            l = l->next;
+            if (n->dev_id == dev->dev_id) {
+                on_delete_node_table(n->node_id);
+                node_table_del_one(n->node_id);
+            }
+        }
+        g_print("===> dev del: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
+        Kind::db_delete(dev->dev_id);
+        device_unregister(dev);
+        Kind::free(dev);
+        driver *drv = device_driver_match(req);
+        if (drv == nullptr) {
+            Kind::free(req);
+            return 2;
+        }
+        g_print("===> dev add: dev_name:%s, dev_id:%d\n", req->dev_name.c_str(), req->dev_id);
+        req->driver = drv;
+        device_register(req);
+        Kind::db_add(req);
+        return 0;
+    }
+    g_print("===> dev mdf: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
+    dev->dev_comm_type = req->dev_comm_type;
+    dev->dev_name = req->dev_name;
+    // Nodes carry their device's name; renamed in memory only, the rows
+    // keep the old name until the nodes are written again.
+    for (GList *l = get_node_table_list(); l != nullptr; l = l->next) {
+        auto *n = static_cast<node *>(l->data);
+        if (n->dev_id == dev->dev_id)
+            n->dev_name = req->dev_name;
+    }
+    Kind::copy_settings(dev, req);
+    Kind::free(req);
+    Kind::db_update(dev);
+    return 0;
+}
+
+template <typename Kind> int device_del(const char *func, uint32_t dev_id)
+{
+    if (open_database() != 0)
+        return -1;
+    bool failed = begin_transaction() != 0;
+    if (!failed && Kind::db_table_delete(dev_id) != 0) {
+        rollback();
+        failed = true;
+    }
+    if (!failed) {
+        for (GList *l = get_node_table_list(); l != nullptr; l = l->next) {
+            auto *n = static_cast<node *>(l->data);
+            if (n->dev_id == dev_id && delete_node_from_node_table(n->node_id) != 0) {
+                rollback();
+                failed = true;
+                break;
+            }
+            if (Kind::commit_per_node)
+                commit_transaction(); // after the first, each only reports "no transaction"
+        }
+        if (!failed && !Kind::commit_per_node)
+            failed = commit_transaction() != 0;
+        // Serial: with no node at all there is no commit, and closing the
+        // database discards the row's deletion; the row comes back at restart.
+    }
+    close_database();
+    if (failed)
+        return -1;
+
+    plc_device *dev = device_find(dev_id);
+    if (dev == nullptr || dev->dev_comm_type != Kind::comm) {
+        plc_error_report(Kind::module, func, __LINE__, Kind::not_exist);
+        return 6;
+    }
+    remove_device(dev);
+    return 0;
+}
+
+// `items` are records built from the request's elements, in order; consumed.
+template <typename Kind> int device_sync(std::vector<typename Kind::record *> items)
+{
+    bool failed = open_database() != 0;
+    if (!failed) {
+        if (begin_transaction() != 0 || Kind::db_table_clean() != 0) {
+            rollback();
+            failed = true;
+        } else {
+            for (auto *rec : items) {
+                if (Kind::db_table_add(rec) != 0) {
+                    rollback();
+                    failed = true;
+                    break;
+                }
+            }
+            if (!failed)
+                failed = commit_transaction() != 0;
+        }
+        close_database();
+    }
+    if (failed) {
+        for (auto *rec : items)
+            Kind::free(rec);
+        return 3;
+    }
+    for (GSList *l = get_activated_device(); l != nullptr;) {
+        auto *dev = static_cast<plc_device *>(l->data);
+        l = l->next;
+        if (dev->dev_comm_type == Kind::comm)
+            remove_device(dev); // nodes go from memory only: their rows stay
+    }
+    size_t added = 0;
+    for (auto *rec : items) {
+        if (device_find(rec->dev_id) != nullptr) {
+            Kind::free(rec);
+            continue;
+        }
+        driver *drv = device_driver_match(rec);
+        if (drv == nullptr) {
+            Kind::free(rec);
+            continue;
+        }
+        g_print("===> dev add: dev_name:%s, dev_id:%d\n", rec->dev_name.c_str(), rec->dev_id);
+        rec->driver = drv;
+        device_register(rec);
+        ++added;
+    }
+    return added == items.size() ? 0 : 3;
+}
+
+} // namespace plc_handlers

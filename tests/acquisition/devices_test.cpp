@@ -1,0 +1,155 @@
+// The reading loop over configured devices, driven by the tests' driver
+// (maker 99, model 999), whose node addresses script each read.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "support/config_calls.h"
+#include "support/daemon_fixture.h"
+#include "support/test_driver.h"
+
+using namespace dstest;
+
+namespace {
+
+bool contains(const std::vector<std::string> &v, const std::string &s)
+{
+    return std::find(v.begin(), v.end(), s) != v.end();
+}
+
+} // namespace
+
+class LoopDevices : public DaemonTest {
+protected:
+    void add_device(uint32_t id, const std::string &name)
+    {
+        auto r = call("EthernetDeviceAdd", ethernet_args(id, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, name));
+        ASSERT_TRUE(r.ok) << r.error << " " << r.message;
+        ASSERT_EQ(r.response, 0);
+    }
+    void add_nodes(const std::vector<NodeSpec> &nodes)
+    {
+        auto r = call("nodeTableAddMulti", node_array(nodes));
+        ASSERT_TRUE(r.ok) << r.error << " " << r.message;
+        ASSERT_EQ(r.response, 0);
+    }
+};
+
+TEST_F(LoopDevices, ValuesFailedReadsAndUnopenableDevices)
+{
+    start_daemon(true);
+    add_device(1, "press");
+    add_device(2, "openfail-oven");
+    add_device(3, "dryer");
+    add_nodes({{1, 10, "val:123"}, {1, 11, "fail"}, {2, 20, "fail"}, {3, 30, "val:-7"},
+               {1, 12, "val:0x1f"}});
+    NodesRecorder rec(conn());
+    start_system_service(1);
+    ASSERT_TRUE(rec.wait_for_count(1, 15s));
+    GVariant *cycle = rec.last();
+    EXPECT_EQ(cycle_devices(cycle),
+              (std::vector<std::string>{"1:press:2", "2:openfail-oven:0", "3:dryer:1"}));
+    EXPECT_EQ(cycle_values(cycle),
+              (std::vector<std::string>{"1/n10=123", "1/n12=0x1f", "3/n30=-7"}));
+    // The failed read is logged; the node of the unopenable device is never read.
+    const std::string err = daemon_->err();
+    EXPECT_NE(err.find(" W read_PLC_nodes_3:665 fail = NULL\n"), std::string::npos) << err;
+    EXPECT_EQ(count_of(daemon_->out(), "read_PLC_nodes_3:665 fail = NULL"),
+              count_of(daemon_->out(), "read nodes table"))
+        << "one failing node per cycle: the other one belongs to a device that never opens";
+
+    // Maker, model and node fields are carried in the signal.
+    GVariantIter it;
+    g_variant_iter_init(&it, cycle);
+    guint32 id = 0, mfg = 0, type = 0;
+    const gchar *name = nullptr;
+    GVariant *v = nullptr;
+    ASSERT_TRUE(g_variant_iter_next(&it, "(u&suu@v)", &id, &name, &mfg, &type, &v));
+    EXPECT_EQ(mfg, TEST_DRIVER_MFG);
+    EXPECT_EQ(type, TEST_DRIVER_TYPE);
+    GVariant *arr = g_variant_get_variant(v);
+    EXPECT_STREQ(g_variant_get_type_string(arr), "a(ssus)");
+    const gchar *nn = nullptr, *addr = nullptr, *val = nullptr;
+    guint32 dt = 0;
+    g_variant_get_child(arr, 0, "(&s&su&s)", &nn, &addr, &dt, &val);
+    EXPECT_STREQ(addr, "val:123");
+    EXPECT_EQ(dt, 4u);
+    g_variant_unref(arr);
+    g_variant_unref(v);
+}
+
+TEST_F(LoopDevices, ChangeDuringACycleAbandonsItAndTheNextCycleShowsIt)
+{
+    start_daemon(true);
+    add_device(1, "slow");
+    add_nodes({{1, 1, "sleep:1500:a"}, {1, 2, "val:b"}});
+    NodesRecorder rec(conn());
+    start_system_service(1);
+    ASSERT_TRUE(rec.wait_for_count(1, 15s));
+    // Wait until the next cycle is inside the slow read, then change the configuration.
+    const size_t cycles = count_of(daemon_->out(), "read nodes table");
+    ASSERT_TRUE(daemon_->wait_output("read nodes table", 10s, cycles + 1));
+    add_nodes({{1, 3, "val:c"}});
+    ASSERT_TRUE(daemon_->wait_output("-----------------Abort ", 10s));
+    const size_t seen = rec.count();
+    ASSERT_TRUE(rec.wait_for_count(seen + 1, 15s));
+    // Nothing of the abandoned cycle was emitted: the first signal after the
+    // change already has the new node.
+    EXPECT_TRUE(contains(cycle_values(rec.cycle(seen)), "1/n3=c"));
+    EXPECT_EQ(cycle_values(rec.cycle(seen)),
+              (std::vector<std::string>{"1/n1=a", "1/n2=b", "1/n3=c"}));
+}
+
+TEST_F(LoopDevices, ConfigurationCallsNeverWaitForAPlc)
+{
+    start_daemon(true);
+    add_device(1, "hanging");
+    add_nodes({{1, 1, "sleep:3000:x"}});
+    start_system_service(1);
+    ASSERT_TRUE(daemon_->wait_output("read nodes table"));
+    // The loop is now inside a 3 s read; the call must be answered while it
+    // still runs (its own time-out here is far below the read's length).
+    std::vector<NodeSpec> more;
+    for (uint32_t i = 0; i < 100; ++i)
+        more.push_back({1, 100 + i, "val:1"});
+    auto r = call_device(conn(), "nodeTableAddMulti", node_array(more), 2000);
+    ASSERT_TRUE(r.ok) << r.error << r.message;
+    EXPECT_EQ(r.response, 0);
+}
+
+TEST_F(LoopDevices, ConcurrencyHammerConfigurationDuringCycles)
+{
+    start_daemon(true);
+    add_device(1, "a");
+    add_device(2, "b");
+    // Interval 0: the loop cycles back to back, so every change meets a cycle.
+    NodesRecorder rec(conn());
+    start_system_service(0);
+    std::vector<NodeSpec> base;
+    for (uint32_t i = 0; i < 40; ++i)
+        base.push_back({1 + i % 2, i + 1, "val:" + std::to_string(i)});
+    for (int round = 0; round < 30; ++round) {
+        auto r = call("nodeTableSyncMulti", node_array(base));
+        ASSERT_TRUE(r.ok) << r.error;
+        r = call("nodeTableAddMulti", node_array({{2, 1000, "count"}}));
+        ASSERT_TRUE(r.ok);
+        r = call("nodeTableDelMulti", node_id_array({1000, 3, 4}));
+        ASSERT_TRUE(r.ok);
+        r = call("EthernetDeviceMdf",
+                 ethernet_args(2, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, "b" + std::to_string(round)));
+        ASSERT_TRUE(r.ok);
+        pump_main_context(std::chrono::milliseconds(round % 3));
+    }
+    auto r = call("nodeTableSyncMulti", node_array(base));
+    ASSERT_TRUE(r.ok);
+    ASSERT_EQ(r.response, 0);
+    ASSERT_TRUE(daemon_->running()) << daemon_->err();
+    // The settled configuration comes out whole.
+    rec.clear();
+    ASSERT_TRUE(rec.wait_for_count(3, 15s));
+    EXPECT_EQ(cycle_values(rec.last()).size(), 40u);
+    EXPECT_EQ(daemon_->err().find("ThreadSanitizer"), std::string::npos) << daemon_->err();
+    EXPECT_EQ(daemon_->err().find("AddressSanitizer"), std::string::npos) << daemon_->err();
+}
