@@ -1,0 +1,212 @@
+// The configuration database, restore at start-up and the blob store, in
+// process, in a scratch working directory.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "database/blob_store.h"
+#include "database/device_db.pb-c.h"
+#include "database/plc_database.h"
+#include "database/restore.h"
+#include "device/driver/driver.h"
+#include "support/sqlite_rows.h"
+#include "support/test_util.h"
+
+using namespace dstest;
+
+class Database : public ::testing::Test {
+protected:
+    Database()
+    {
+        getcwd(old_cwd_, sizeof old_cwd_);
+        EXPECT_EQ(chdir(dir_.path().c_str()), 0);
+    }
+    ~Database() override
+    {
+        node_table_del_all();
+        while (GSList *l = get_activated_device()) {
+            auto *dev = static_cast<plc_device *>(l->data);
+            device_unregister(dev);
+            device_free(dev);
+        }
+        EXPECT_EQ(chdir(old_cwd_), 0);
+    }
+    std::vector<uint32_t> device_ids()
+    {
+        std::vector<uint32_t> ids;
+        for (GSList *l = get_activated_device(); l != nullptr; l = l->next)
+            ids.push_back(static_cast<plc_device *>(l->data)->dev_id);
+        return ids;
+    }
+    std::vector<uint32_t> node_ids()
+    {
+        std::vector<uint32_t> ids;
+        for (GList *l = get_node_table_list(); l != nullptr; l = l->next)
+            ids.push_back(static_cast<node *>(l->data)->node_id);
+        return ids;
+    }
+    TempDir dir_;
+    char old_cwd_[4096] = {};
+};
+
+TEST_F(Database, OneStatementPerExecutionAndBufferThatOnlyGrows)
+{
+    ASSERT_EQ(open_database(), 0);
+    ASSERT_EQ(create_node_table_in_database(), 0);
+    EXPECT_EQ(create_node_table_in_database(), -1) << "second create fails: table exists";
+    node *n = node_create("d", 1, 7, "n", "D1", 4, "", 0, 0, 0, 0, 0, -5, 0, 0, -1, "", "");
+    ASSERT_EQ(add_node_to_node_table(n), 0);
+    EXPECT_EQ(add_node_to_node_table(n), -1) << "duplicate key";
+    EXPECT_EQ(delete_node_from_node_table(999), 0) << "deleting a missing key is no failure";
+
+    // A value may break its own statement, never run a second one.
+    auto c = capture_output([] { EXPECT_EQ(exec_sql("delete from NodeTable; select 1;"), -1); });
+    EXPECT_NE(c.out.find("sqlite3_exec err: "), std::string::npos);
+    EXPECT_EQ(exec_sql("select 1; -- trailing comment"), 0);
+
+    EXPECT_EQ(malloc_num, 1024u);
+    n->node_description = std::string(5000, 'x');
+    ASSERT_EQ(update_node_for_node_table(n), 0);
+    EXPECT_GT(malloc_num, 5000u);
+    const size_t grown = malloc_num;
+    ASSERT_NE(new_delete_node_sql(7), nullptr);
+    EXPECT_EQ(malloc_num, grown) << "the buffer never shrinks";
+    EXPECT_EQ(new_add_node_sql(nullptr), nullptr);
+    close_database();
+    EXPECT_EQ(malloc_num, grown);
+    node_free(n);
+
+    const auto rows = sqlite_rows("my.db", "select node_alarm_value_major, node_alarm_value_minor, "
+                                           "length(node_description) from NodeTable");
+    EXPECT_EQ(rows, (std::vector<std::string>{"4294967291|4294967295|5000"}));
+
+    c = capture_output([] { EXPECT_EQ(exec_sql("select 1;"), -1); });
+    EXPECT_EQ(c.out, "err : db = NULL\n");
+}
+
+TEST_F(Database, RestoreOrderSkipsAndSignedAlarms)
+{
+    ASSERT_TRUE(sqlite_exec("my.db", R"(
+create table SerialDevTable(dev_id INTEGER PRIMARY KEY NOT NULL,dev_name TEXT NOT NULL,dev_comm_type INTEGER NOT NULL,dev_mfg INTEGER NOT NULL,dev_type INTEGER NOT NULL,serial_type INTEGER NOT NULL,serial_number INTEGER NOT NULL,station_num INTEGER NOT NULL,baudrate INTEGER NOT NULL,data_bit INTEGER NOT NULL,stop_bit INTEGER NOT NULL,parity_bit INTEGER NOT NULL);
+create table EthernetDevTable(dev_id INTEGER PRIMARY KEY NOT NULL,dev_name TEXT NOT NULL,dev_comm_type INTEGER NOT NULL,dev_mfg INTEGER NOT NULL,dev_type INTEGER NOT NULL,ip_addr TEXT NOT NULL,port INTEGER NOT NULL,rack INTEGER NOT NULL,slot INTEGER NOT NULL);
+insert into SerialDevTable values (9,'s9',0,1,102,0,1,1,9600,8,1,0);
+insert into SerialDevTable values (3,'s3',0,3,201,0,2,1,9600,7,1,1);
+insert into SerialDevTable values (5,'nodriver',0,2,101,0,1,1,9600,8,1,0);
+insert into EthernetDevTable values (3,'clash',1,2,3,'127.0.0.1',102,0,1);
+insert into EthernetDevTable values (1,'e1',1,2,3,'127.0.0.1',102,0,1);
+)"));
+    init_driver();
+    ASSERT_EQ(open_database(), 0);
+    ASSERT_EQ(create_node_table_in_database(), 0);
+    for (uint32_t id : {30u, 10u, 20u, 40u}) {
+        const uint32_t dev = id == 40 ? 77 : 9; // 77 has no device
+        node *n = node_create("s9", dev, id, "n", "D1", 4, "", 0, 1, 0, 0, 0, -5, 0, 0, 3, "", "");
+        ASSERT_EQ(add_node_to_node_table(n), 0);
+        node_free(n);
+    }
+    close_database();
+
+    auto c = capture_output([] { init_database(); });
+    EXPECT_EQ(device_ids(), (std::vector<uint32_t>{3, 9, 1}))
+        << "serial by ascending id, then Ethernet";
+    EXPECT_EQ(node_ids(), (std::vector<uint32_t>{10, 20, 30}));
+    EXPECT_NE(c.out.find("<read_ethernet_dev_callback> same dev_id, can not add.\n"),
+              std::string::npos);
+    EXPECT_NE(c.out.find("===> dev add: dev_name:nodriver, dev_id:5\n"), std::string::npos);
+    EXPECT_EQ(device_find(5), nullptr);
+    EXPECT_EQ(node_table_find(10)->node_alarm_value_major, -5);
+    EXPECT_EQ(node_table_find(10)->node_report_enable, 1);
+    EXPECT_NE(device_find(9)->driver, nullptr);
+    // Skipped rows stay where they were.
+    EXPECT_EQ(sqlite_rows("my.db", "select count(*) from NodeTable"), (std::vector<std::string>{"4"}));
+    EXPECT_EQ(sqlite_rows("my.db", "select dev_id from SerialDevTable where dev_id = 5").size(), 1u);
+    // The blob store's tables were made alongside.
+    EXPECT_EQ(sqlite_rows("plc_service.db",
+                          "select name from sqlite_master where type='table' order by name"),
+              (std::vector<std::string>{"PlcDevEthernet", "PlcDevSerial", "PlcNode"}));
+}
+
+TEST_F(Database, FreshDirectoryStartsEmptyTwice)
+{
+    init_driver();
+    capture_output([] { init_database(); });
+    EXPECT_TRUE(device_ids().empty());
+    auto c = capture_output([] { init_database(); });
+    EXPECT_EQ(sqlite_rows("my.db", "select name from sqlite_master order by name"),
+              (std::vector<std::string>{"EthernetDevTable", "NodeTable", "SerialDevTable"}));
+    EXPECT_NE(c.out.find("sqlite3_exec err: table SerialDevTable already exists"),
+              std::string::npos);
+}
+
+namespace {
+std::vector<std::string> restored;
+int remember(const uint8_t *payload, size_t length)
+{
+    restored.emplace_back(reinterpret_cast<const char *>(payload), length);
+    return 1; // a callback's result does not stop the walk
+}
+} // namespace
+
+TEST_F(Database, BlobStoreSavesReplacesDeletesAndRestores)
+{
+    ASSERT_EQ(database_create_table("plc_service.db", "PlcNode"), 0);
+    ASSERT_EQ(database_create_table("plc_service.db", "PlcNode"), 0);
+    const std::string a = "first", b = "second", c = "third";
+    auto bytes = [](const std::string &s) { return reinterpret_cast<const uint8_t *>(s.data()); };
+    capture_output([&] {
+        database_save_message("plc_service.db", "PlcNode", 2, "two", bytes(a), a.size());
+        database_save_message("plc_service.db", "PlcNode", 1, "one", bytes(b), b.size());
+        database_save_message("plc_service.db", "PlcNode", 2, "renamed", bytes(c), c.size());
+    });
+    EXPECT_EQ(sqlite_rows("plc_service.db", "select ID, NAME from PlcNode order by ID"),
+              (std::vector<std::string>{"1|one", "2|two"}));
+    restored.clear();
+    capture_output([] { database_restore_message("plc_service.db", "PlcNode", remember); });
+    EXPECT_EQ(restored.size(), 2u);
+    EXPECT_NE(std::find(restored.begin(), restored.end(), "third"), restored.end());
+    capture_output([] { database_delete_message("plc_service.db", "PlcNode", 2); });
+    EXPECT_EQ(sqlite_rows("plc_service.db", "select ID from PlcNode"),
+              (std::vector<std::string>{"1"}));
+}
+
+TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
+{
+    init_driver();
+    MsgPlcDevSerial s = MSG_PLC_DEV_SERIAL__INIT;
+    s.dev_id = 4;
+    s.dev_name = const_cast<char *>("line");
+    s.dev_mfg = 1;
+    s.dev_type = 101;
+    s.dev_serial_number = 2;
+    s.dev_serial_baudrate = 19200;
+    std::vector<uint8_t> buf(msg_plc_dev_serial__get_packed_size(&s));
+    msg_plc_dev_serial__pack(&s, buf.data());
+    EXPECT_EQ(on_restore_serial_device_callback(buf.data(), buf.size()), 0);
+    auto *dev = static_cast<serial_device *>(device_find(4));
+    ASSERT_NE(dev, nullptr);
+    EXPECT_EQ(dev->serial_number, 2u);
+    EXPECT_EQ(dev->baudrate, 19200u);
+    auto c = capture_output([&] { on_restore_serial_device_callback(buf.data(), buf.size()); });
+    EXPECT_NE(c.out.find("same dev_id, can not add."), std::string::npos);
+
+    MsgPlcNode n = MSG_PLC_NODE__INIT;
+    n.node_id = 8;
+    n.dev_id = 4;
+    n.node_addr = const_cast<char *>("D8");
+    n.node_alarm_value_minor = -9;
+    n.node_alarm_enable = true;
+    buf.assign(msg_plc_node__get_packed_size(&n), 0);
+    msg_plc_node__pack(&n, buf.data());
+    EXPECT_EQ(on_restore_node_table_callback(buf.data(), buf.size()), 0);
+    ASSERT_NE(node_table_find(8), nullptr);
+    EXPECT_EQ(node_table_find(8)->node_alarm_value_minor, -9);
+    EXPECT_EQ(node_table_find(8)->node_alarm_enable, 1);
+    n.dev_id = 5;
+    n.node_id = 9;
+    buf.assign(msg_plc_node__get_packed_size(&n), 0);
+    msg_plc_node__pack(&n, buf.data());
+    on_restore_node_table_callback(buf.data(), buf.size());
+    EXPECT_EQ(node_table_find(9), nullptr) << "no device 5";
+    // Garbage is not a message: ignored.
+    const uint8_t junk[] = {0xff, 0xff, 0xff};
+    EXPECT_EQ(on_restore_ethernet_device_callback(junk, sizeof junk), 0);
+}
