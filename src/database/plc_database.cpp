@@ -124,6 +124,20 @@ int run_built(const char *statement)
     return exec_sql(statement);
 }
 
+// An update is a delete followed by an insert. Both run under a savepoint,
+// so that an insert that fails (a quote in a name) gives the old row back
+// instead of losing it.
+template <typename Steps> int replace_row(Steps steps)
+{
+    if (db == nullptr || sqlite3_exec(db, "savepoint row_update;", nullptr, nullptr, nullptr) != SQLITE_OK)
+        return steps();
+    const int r = steps();
+    if (r != 0)
+        sqlite3_exec(db, "rollback to row_update;", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "release row_update;", nullptr, nullptr, nullptr);
+    return r;
+}
+
 } // namespace
 
 char *new_create_node_table_sql()
@@ -331,9 +345,13 @@ int delete_node_from_node_table(uint32_t node_id)
 int update_node_for_node_table(const node *n)
 {
     g_print("%s called\n", __func__);
-    if (n == nullptr || delete_node_from_node_table(n->node_id) != 0)
+    if (n == nullptr)
         return -1;
-    return add_node_to_node_table(n);
+    return replace_row([&] {
+        if (delete_node_from_node_table(n->node_id) != 0)
+            return -1;
+        return add_node_to_node_table(n);
+    });
 }
 
 int read_nodes_of_node_table(row_callback callback)
@@ -370,9 +388,13 @@ int delete_serial_dev_from_serial_dev_table(uint32_t dev_id)
 int update_serial_dev_for_serial_dev_table(const serial_device *dev)
 {
     g_print("%s called\n", __func__);
-    if (dev == nullptr || delete_serial_dev_from_serial_dev_table(dev->dev_id) != 0)
+    if (dev == nullptr)
         return -1;
-    return add_serial_dev_to_serial_dev_table(dev);
+    return replace_row([&] {
+        if (delete_serial_dev_from_serial_dev_table(dev->dev_id) != 0)
+            return -1;
+        return add_serial_dev_to_serial_dev_table(dev);
+    });
 }
 
 int read_serial_dev_of_serial_dev_table(row_callback callback)
@@ -409,9 +431,13 @@ int delete_ethernet_dev_from_ethernet_dev_table(uint32_t dev_id)
 int update_ethernet_dev_for_ethernet_dev_table(const ethernet_device *dev)
 {
     g_print("%s called\n", __func__);
-    if (dev == nullptr || delete_ethernet_dev_from_ethernet_dev_table(dev->dev_id) != 0)
+    if (dev == nullptr)
         return -1;
-    return add_ethernet_dev_to_ethernet_dev_table(dev);
+    return replace_row([&] {
+        if (delete_ethernet_dev_from_ethernet_dev_table(dev->dev_id) != 0)
+            return -1;
+        return add_ethernet_dev_to_ethernet_dev_table(dev);
+    });
 }
 
 int read_ethernet_dev_of_ethernet_dev_table(row_callback callback)
