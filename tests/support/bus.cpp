@@ -132,7 +132,7 @@ bool PrivateBus::name_has_owner(const char *name)
 
 bool PrivateBus::wait_for_name(const char *name, std::chrono::milliseconds timeout)
 {
-    return wait_until([&] { return name_has_owner(name); }, timeout, 20ms);
+    return wait_until([&] { return name_has_owner(name); }, timeout, 2ms);
 }
 
 bool PrivateBus::wait_for_name_gone(const char *name, std::chrono::milliseconds timeout)
