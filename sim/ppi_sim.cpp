@@ -44,7 +44,7 @@ PpiSim::PpiSim(uint8_t station) : station_(station)
 
 bool PpiSim::accepts(uint8_t first) const
 {
-    return first == PPI_SD2 || (first == PPI_SD1 && has_pending_.load());
+    return first == PPI_SD2 || first == PPI_SD1;
 }
 
 bool PpiSim::set_bytes(uint8_t area, size_t offset, const std::vector<uint8_t> &bytes)
@@ -84,7 +84,10 @@ size_t PpiSim::feed_job(const uint8_t *data, size_t len, std::vector<uint8_t> &a
     if (data[total - 1] != PPI_ED || PPI_CheckSum(data + 4, le) != data[4 + le] || data[4] != station_)
         return total;
     // A new job replaces whatever the master never fetched.
-    has_pending_ = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        pending_.clear();
+    }
     const uint8_t master = data[5];
     // S7 job header, read variable, one item of the 10-byte any-pointer kind.
     const bool read_job = le == 0x1B && data[7] == 0x32 && data[8] == 0x01 && data[17] == 0x04 &&
@@ -106,7 +109,6 @@ size_t PpiSim::feed_job(const uint8_t *data, size_t len, std::vector<uint8_t> &a
         std::lock_guard<std::mutex> lock(mutex_);
         pending_ = std::move(reply);
     }
-    has_pending_ = true;
     answer = {PPI_SHORT_ACK};
     return total;
 }
@@ -116,8 +118,10 @@ size_t PpiSim::feed_short(const uint8_t *data, size_t len, std::vector<uint8_t> 
     if (len < PPI_SHORT_FRAME_LEN)
         return 0;
     const uint8_t fc = data[3];
+    // Not a short frame: another protocol's (a QnA 4C request also starts
+    // with 0x10) or line noise.
     if (data[5] != PPI_ED || PPI_CheckSum(data + 1, 3) != data[4])
-        return 1;
+        return NOT_MINE;
     // A fetch addressed to another station is not ours to answer; the
     // answer stays for a fetch that is.
     if (data[1] != station_ || (fc != FC_REQUEST_DATA && fc != FC_REQUEST_DATA_FCB))
@@ -125,7 +129,6 @@ size_t PpiSim::feed_short(const uint8_t *data, size_t len, std::vector<uint8_t> 
     std::lock_guard<std::mutex> lock(mutex_);
     answer = std::move(pending_);
     pending_.clear();
-    has_pending_ = false;
     return PPI_SHORT_FRAME_LEN;
 }
 

@@ -3,13 +3,12 @@
 //
 // First bytes: a job arrives as an SD2 frame, 0x68 LE LE 0x68; the master
 // then fetches the answer with an SD1 short frame, 0x10 DA SA FC FCS 0x16.
-// SD1 starts with 0x10 like a QnA 4C format 5 request (DLE STX): this
-// simulator takes a 0x10 only while it holds an acknowledged answer, so on
-// a shared line it must be added before the QnA 4C simulator. The two are
-// also told apart by the second and third bytes: 0x02 0x12 for QnA (STX,
-// data count 18) against the PPI station address and the master address
-// (0x00 from the gateway), and by the fourth, 0x00 for QnA against a
-// function code (0x5C/0x7C) for PPI.
+// SD1 starts with 0x10 like a QnA 4C format 5 request (DLE STX 0x12 0x00):
+// this simulator declines (NOT_MINE) any 0x10 that is not a complete,
+// well-summed SD1 frame ending in 0x16, and the QnA 4C simulator declines
+// anything whose third and fourth bytes are not 0x12 0x00, where an SD1
+// frame has its source address and function code (0x5C/0x7C). So the two
+// can share a line in either order.
 #pragma once
 
 #include <atomic>
@@ -49,7 +48,7 @@ public:
     bool set_count(uint8_t area, unsigned number, uint16_t value);
 
     uint8_t station() const { return station_; }
-    // Jobs acknowledged so far.
+    // Jobs acknowledged (or refused by a fault switch) so far.
     size_t jobs() const { return jobs_.load(); }
 
 private:
@@ -61,7 +60,6 @@ private:
     mutable std::mutex mutex_;
     std::map<uint8_t, std::vector<uint8_t>> memory_;
     std::vector<uint8_t> pending_; // answer waiting for the master's fetch
-    std::atomic<bool> has_pending_{false};
     std::atomic<size_t> jobs_{0};
 };
 

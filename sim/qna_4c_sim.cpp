@@ -69,10 +69,15 @@ size_t QnA4CSim::reads() const
 
 size_t QnA4CSim::feed(const uint8_t *data, size_t len, std::vector<uint8_t> &answer)
 {
-    if (len < 2)
+    // Only one-point reads are served: DLE STX and 18 data bytes. Anything
+    // else led by 0x10 (a PPI short frame, noise) is left to others.
+    static const uint8_t lead[] = {QnA_4C_DLE, QnA_4C_STX, 18, 0x00};
+    for (size_t i = 1; i < sizeof lead && i < len; ++i) {
+        if (data[i] != lead[i])
+            return NOT_MINE;
+    }
+    if (len < sizeof lead)
         return 0;
-    if (data[1] != QnA_4C_STX)
-        return 1; // a stray DLE
     std::vector<uint8_t> body;
     for (size_t i = 2; i < len;) {
         if (data[i] != QnA_4C_DLE) {

@@ -1,10 +1,11 @@
 // A simulated Mitsubishi Q-series CPU on a serial line speaking QnA 4C
 // binary format 5 (batch read of one point, command 0401).
 //
-// First bytes: every format 5 request starts DLE STX (0x10 0x02) and its
-// third byte is the low byte of the data byte count (0x12 for a one-point
-// read), the fourth 0x00. The ASCII formats (ENQ 0x05, or STX 0x02 in
-// format 3) are not simulated.
+// First bytes: every format 5 request starts DLE STX (0x10 0x02) and a
+// one-point read continues with its data byte count 0x12 0x00; anything led
+// by 0x10 that does not go on so is declined (NOT_MINE), which keeps PPI
+// short frames (0x10 DA SA FC FCS 0x16) apart on a shared line. The ASCII
+// formats (ENQ 0x05, or STX 0x02 in format 3) are not simulated.
 #pragma once
 
 #include <cstdint>

@@ -7,6 +7,7 @@
 
 #include "serial_common/serial_driver_fixture.h"
 #include "sim/ppi_sim.h"
+#include "sim/qna_4c_sim.h"
 
 extern driver siemens_s7_200_drv;
 
@@ -38,6 +39,7 @@ protected:
 
     PpiSim plc_;
     PpiSim plc5_{5};
+    sim::QnA4CSim qna_;
 };
 
 } // namespace
@@ -142,6 +144,21 @@ TEST_F(S7200Driver, AnswerIsAlwaysFetchedFromStation2)
     EXPECT_EQ(r.rc, -1);
     EXPECT_EQ(r.out, "timeout2\nread error");
     EXPECT_EQ(plc5_.jobs(), 1u);
+}
+
+TEST_F(S7200Driver, SharesALineWithAQnA4CCpu)
+{
+    // The QnA simulator is asked first about every 0x10 and must leave the
+    // fetch frame to the S7-200.
+    plc_.set_bytes(PpiSim::AREA_V, 100, {0x00, 0x2A});
+    line_ = std::make_unique<sim::SerialLine>(dir_.file("ttymxc1"));
+    line_->add_protocol(&qna_);
+    line_->add_protocol(&plc_);
+    line_->start();
+    ASSERT_EQ(drv.open(dev_.get()), 0);
+    EXPECT_EQ(read("VW100", NODE_TYPE_U16).value, "42");
+    EXPECT_EQ(read("VW100", NODE_TYPE_U16).value, "42");
+    EXPECT_EQ(qna_.reads(), 0u);
 }
 
 TEST_F(S7200Driver, OpenAndLifecycle)
