@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/config_calls.h"
 #include "support/daemon_fixture.h"
@@ -205,4 +207,34 @@ TEST_F(Config, AlarmValuesStoreUnsignedAndComeBackSigned)
     // fields rewrites an identical row.
     restart_daemon();
     EXPECT_TRUE(node_in_memory(1, 5));
+}
+
+TEST_F(Config, DatabaseThatCannotBeOpenedChangesNothingInMemory)
+{
+    start_daemon();
+    EXPECT_EQ(code("SerialDeviceAdd", serial_args(1, 1, 102, "fx")), 0);
+    EXPECT_EQ(code("EthernetDeviceAdd", ethernet_args(2, 2, 3, "s7")), 0);
+    EXPECT_EQ(code("nodeTableAddMulti", node_array({{1, 10, "D0"}})), 0);
+    // A directory where the database file was: every open now fails.
+    ASSERT_EQ(rename(db_path().c_str(), (db_path() + ".away").c_str()), 0);
+    ASSERT_EQ(mkdir(db_path().c_str(), 0755), 0);
+    EXPECT_EQ(code("SerialDeviceDel", g_variant_new("(uuuus)", 1u, 0u, 0u, 0u, "")), -1);
+    EXPECT_EQ(code("EthernetDeviceDel", g_variant_new("(uuuus)", 2u, 1u, 0u, 0u, "")), -1);
+    EXPECT_EQ(code("nodeTableMdfOne", node_tuple({1, 10, "D9"})), -1);
+    EXPECT_EQ(code("nodeTableDelMulti", node_id_array({10})), -1);
+    EXPECT_EQ(code("nodeTableAddMulti", node_array({{1, 11, "D1"}})), 2);
+    EXPECT_EQ(code("nodeTableSyncMulti", node_array({})), 3);
+    EXPECT_EQ(code("SerialDeviceSyncMulti",
+                   g_variant_new("(@a(uuuusuuuuuuu))",
+                                 g_variant_new_array(G_VARIANT_TYPE("(uuuusuuuuuuu)"), nullptr, 0))),
+              3);
+    // Add and modify keep memory as the truth even without the database.
+    EXPECT_EQ(code("SerialDeviceAdd", serial_args(3, 1, 101, "fx3")), 0);
+    EXPECT_TRUE(in_memory(1));
+    EXPECT_TRUE(in_memory(2));
+    EXPECT_TRUE(in_memory(3));
+    EXPECT_TRUE(node_in_memory(1, 10) == false) << "modify needs the database first";
+    ASSERT_EQ(rmdir(db_path().c_str()), 0);
+    ASSERT_EQ(rename((db_path() + ".away").c_str(), db_path().c_str()), 0);
+    EXPECT_TRUE(node_in_memory(1, 10));
 }
