@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# Runs device-service on a simulated plant, with no hardware and no gateway:
+# a private session bus, a stand-in for the gateway's system service, the
+# simulated PLCs and the daemon; configures a device of every model over the
+# bus and shows the published values live until Ctrl-C, then stops every
+# process and removes every link it made.
+#
+#   scripts/demo.sh [--seconds N]     (N: stop by itself after N seconds)
+#
+# As root it runs the daemon itself, with its real pid file
+# (/var/run/device-service.pid) and serial ports (/dev/ttymxc1, /dev/ttymxc2
+# become links to the simulated lines; it refuses if real ports are there).
+# As an ordinary user it runs the same daemon code with those paths moved
+# into a scratch directory.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+seconds=0
+if [ "${1:-}" = "--seconds" ]; then seconds=${2:?}; fi
+
+build=${DS_DEMO_BUILD:-$root/build/demo}
+if [ -z "${DS_DEMO_NO_BUILD:-}" ]; then
+  bash scripts/setup.sh
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build "$build" -j "${JOBS:-2}" --target device-service device-service-test \
+    device-service-standin device-service-plant >/dev/null
+fi
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/device-service-demo.XXXXXX")
+pids=()
+cleanup() {
+  trap - EXIT INT TERM
+  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[$i]}" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+  echo "demo stopped; nothing left running"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+if [ "$(id -u)" -eq 0 ]; then
+  tty1=/dev/ttymxc1; tty2=/dev/ttymxc2
+  for t in $tty1 $tty2; do
+    if [ -e "$t" ] && [ ! -L "$t" ]; then
+      echo "demo: $t is a real serial port here; not replacing it" >&2; exit 1
+    fi
+  done
+  daemon=("$build/src/device-service")
+else
+  tty1=$work/ttymxc1; tty2=$work/ttymxc2
+  daemon=("$build/tests/device-service-test" --pid-file "$work/device-service.pid"
+          --tty1 "$tty1" --tty2 "$tty2")
+fi
+
+# A private session bus, in the foreground as our child.
+dbus-daemon --session --nofork --nopidfile --print-address=3 3>"$work/bus" >/dev/null 2>&1 &
+pids+=($!)
+for _ in $(seq 100); do [ -s "$work/bus" ] && break; sleep 0.05; done
+DBUS_SESSION_BUS_ADDRESS=$(head -n1 "$work/bus")
+export DBUS_SESSION_BUS_ADDRESS
+
+"$build/sim/device-service-plant" --tty1 "$tty1" --tty2 "$tty2" &
+pids+=($!)
+"$build/sim/device-service-standin" --interval 1 >/dev/null &
+pids+=($!)
+(cd "$work" && exec "${daemon[@]}" >"$work/daemon.log" 2>&1) &
+pids+=($!)
+
+svc=(--session --dest com.fernwick.DeviceService --object-path /com/fernwick/DeviceService)
+for _ in $(seq 200); do
+  gdbus introspect "${svc[@]}" >/dev/null 2>&1 && break
+  sleep 0.05
+done
+
+call() { gdbus call "${svc[@]}" --method "com.fernwick.DeviceService.$1" "${@:2}" >/dev/null; }
+# Serial devices: (dev_id, comm, maker, model, name, station, line type, port,
+# baud, data bits, stop bits, parity).
+call SerialDeviceAdd 1 0 1 105 "Q-series boiler" 0 0 1 9600 8 1 1
+call SerialDeviceAdd 2 0 2 1 "S7-200 conveyor" 2 0 2 9600 8 1 0
+nodes="[('Q-series boiler', uint32 1, uint32 101, 'counter', 'D100', uint32 5, '', uint32 0, false, false, uint32 0, uint32 0, 0, uint32 0, uint32 0, 0, '', ''),"
+nodes+=" ('Q-series boiler', 1, 102, 'ramp', 'D101', 5, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
+nodes+=" ('Q-series boiler', 1, 103, 'pump', 'M20', 1, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
+nodes+=" ('S7-200 conveyor', 2, 201, 'counter', 'VW100', 4, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
+nodes+=" ('S7-200 conveyor', 2, 202, 'ramp', 'VW102', 4, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
+nodes+=" ('S7-200 conveyor', 2, 203, 'door', 'I0.0', 1, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', '')]"
+call nodeTableSyncMulti "$nodes"
+
+echo "device-service is reading the simulated plant; each line below is one cycle (Ctrl-C stops):"
+gdbus monitor "${svc[@]}" &
+pids+=($!)
+if [ "$seconds" -gt 0 ]; then
+  sleep "$seconds"
+else
+  wait "${pids[-1]}"
+fi
