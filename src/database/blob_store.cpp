@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "database/device_db.pb-c.h"
+#include "database/restore.h"
 #include "device/driver/driver.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"
@@ -192,13 +193,7 @@ int on_restore_serial_device_callback(const uint8_t *payload, size_t length)
         g_print("<%s> called, failed to alloc on_handle_serial_device_add memory\n", __func__);
         return -1;
     }
-    g_print("===> dev add: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
-    dev->driver = device_driver_match(dev);
-    if (dev->driver == nullptr) {
-        serial_device_free(dev);
-        return 0;
-    }
-    device_register(dev);
+    register_restored_device(dev);
     return 0;
 }
 
@@ -221,13 +216,7 @@ int on_restore_ethernet_device_callback(const uint8_t *payload, size_t length)
         g_print("<%s> called, failed to alloc on_handle_ethernet_device_add memory\n", __func__);
         return -1;
     }
-    g_print("===> dev add: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
-    dev->driver = device_driver_match(dev);
-    if (dev->driver == nullptr) {
-        ethernet_device_free(dev);
-        return 0;
-    }
-    device_register(dev);
+    register_restored_device(dev);
     return 0;
 }
 

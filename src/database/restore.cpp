@@ -26,6 +26,17 @@ const char *column_s(char **argv, int argc, int i)
 
 } // namespace
 
+void register_restored_device(plc_device *dev)
+{
+    g_print("===> dev add: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
+    dev->driver = device_driver_match(dev);
+    if (dev->driver == nullptr) {
+        device_free(dev);
+        return;
+    }
+    device_register(dev);
+}
+
 int read_serial_dev_callback(void * /*ctx*/, int argc, char **argv, char ** /*col_names*/)
 {
     const uint32_t dev_id = column_u(argv, argc, 0);
@@ -42,14 +53,7 @@ int read_serial_dev_callback(void * /*ctx*/, int argc, char **argv, char ** /*co
         g_print("<%s> called, failed to alloc on_handle_serial_device_add memory\n", __func__);
         return -1;
     }
-    g_print("===> dev add: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
-    dev->driver = device_driver_match(dev);
-    if (dev->driver == nullptr) {
-        // The row stays and is skipped again at every start.
-        serial_device_free(dev);
-        return 0;
-    }
-    device_register(dev);
+    register_restored_device(dev);
     return 0;
 }
 
@@ -68,13 +72,7 @@ int read_ethernet_dev_callback(void * /*ctx*/, int argc, char **argv, char ** /*
         g_print("<%s> called, failed to alloc on_handle_ethernet_device_add memory\n", __func__);
         return -1;
     }
-    g_print("===> dev add: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
-    dev->driver = device_driver_match(dev);
-    if (dev->driver == nullptr) {
-        ethernet_device_free(dev);
-        return 0;
-    }
-    device_register(dev);
+    register_restored_device(dev);
     return 0;
 }
 

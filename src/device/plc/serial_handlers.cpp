@@ -33,6 +33,16 @@ struct serial_kind {
     }
 };
 
+// The record a request describes.
+serial_device *from_request(guint dev_id, guint dev_comm, guint dev_mfg, guint dev_type,
+                            const gchar *dev_name, guint station, guint serial_type,
+                            guint serial_number, guint baudrate, guint data_bit, guint stop_bit,
+                            guint parity_bit)
+{
+    return serial_device_create(dev_id, dev_name, dev_comm, dev_mfg, dev_type, serial_type,
+                                serial_number, station, baudrate, data_bit, stop_bit, parity_bit);
+}
+
 } // namespace
 
 using namespace plc_handlers;
@@ -48,10 +58,10 @@ gboolean on_handle_serial_device_add(GatewayDeviceService *sk, GDBusMethodInvoca
         __func__,
         [&] {
             return device_add<serial_kind>("on_handle_serial_device_add", dev_id, [&] {
-                return serial_device_create(dev_id, dev_name, dev_comm, dev_mfg, dev_type,
-                                            dev_serial_type, dev_serial_number, dev_station_num,
-                                            dev_serial_baudrate, dev_serial_databit,
-                                            dev_serial_stopbit, dev_serial_paritybit);
+                return from_request(dev_id, dev_comm, dev_mfg, dev_type, dev_name,
+                                    dev_station_num, dev_serial_type, dev_serial_number,
+                                    dev_serial_baudrate, dev_serial_databit, dev_serial_stopbit,
+                                    dev_serial_paritybit);
             });
         },
         [&](int r) { gateway_device_service_complete_serial_device_add(sk, inv, r); });
@@ -67,10 +77,10 @@ gboolean on_handle_serial_device_mdf(GatewayDeviceService *sk, GDBusMethodInvoca
     return serve(
         __func__,
         [&] {
-            serial_device *req = serial_device_create(
-                dev_id, dev_name, dev_comm, dev_mfg, dev_type, dev_serial_type,
-                dev_serial_number, dev_station_num, dev_serial_baudrate, dev_serial_databit,
-                dev_serial_stopbit, dev_serial_paritybit);
+            serial_device *req = from_request(dev_id, dev_comm, dev_mfg, dev_type, dev_name,
+                                              dev_station_num, dev_serial_type, dev_serial_number,
+                                              dev_serial_baudrate, dev_serial_databit,
+                                              dev_serial_stopbit, dev_serial_paritybit);
             return req == nullptr ? 2 : device_mdf<serial_kind>("on_handle_serial_device_mdf", req);
         },
         [&](int r) { gateway_device_service_complete_serial_device_mdf(sk, inv, r); });
@@ -98,9 +108,8 @@ gboolean on_handle_serial_device_sync_multi_1(GatewayDeviceService *sk,
             const gchar *name;
             while (g_variant_iter_next(&it, "(uuuu&suuuuuuu)", &id, &comm, &mfg, &type, &name,
                                        &station, &stype, &number, &baud, &data, &stop, &parity)) {
-                serial_device *rec = serial_device_create(id, name, comm, mfg, type, stype,
-                                                          number, station, baud, data, stop,
-                                                          parity);
+                serial_device *rec = from_request(id, comm, mfg, type, name, station, stype,
+                                                  number, baud, data, stop, parity);
                 if (rec != nullptr)
                     items.push_back(rec);
             }
