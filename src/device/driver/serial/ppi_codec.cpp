@@ -191,7 +191,7 @@ int getReadCommandFrame(const char *addr, uint32_t data_type, uint8_t station,
         0x32, 0x01, 0x00, 0x00, 0x00, 0x00, // S7 job header, reserved and PDU reference
         0x00, 0x0E, 0x00, 0x00,       // parameter length 14, data length 0
         0x04, 0x01,                   // read variable, one item
-        0x12, 0x0A, 0x10,             // item specification, its length, syntax id
+        0x12, 0x0A, 0x10,             // variable item header, its length, syntax id
         choice.transport_size,
         0x00, 0x01,                   // one element
         0x00, choice.db,
