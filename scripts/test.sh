@@ -3,6 +3,7 @@
 #   1. a warnings-as-errors build and every test (ctest -j2);
 #   2. the same under AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. the concurrency tests under ThreadSanitizer;
+#   and builds and checks the Debian package (install and removal as root);
 #   4. each fuzz target for a bounded time under ASan + UBSan (clang).
 # Does its own set-up first. Build trees live under build/.
 set -euo pipefail
@@ -21,6 +22,9 @@ configure_and_build() { # dir, extra cmake args...
 echo "== build and test"
 configure_and_build build/ci
 ctest --test-dir build/ci -j "$jobs" --output-on-failure
+
+echo "== the Debian package"
+bash scripts/check-package.sh build/ci
 
 echo "== AddressSanitizer + UBSan"
 configure_and_build build/ci-asan -DDS_SANITIZE=address

@@ -1,0 +1,24 @@
+# Installation layout and the Debian package.
+include(GNUInstallDirs)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/device-service.service
+        DESTINATION lib/systemd/user)
+install(FILES ${CMAKE_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+if(TARGET snap7)
+  get_target_property(_snap7_type snap7 TYPE)
+  if(_snap7_type STREQUAL "SHARED_LIBRARY")
+    install(TARGETS snap7 LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/device-service)
+    set_target_properties(device-service PROPERTIES
+      INSTALL_RPATH "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/device-service")
+  endif()
+endif()
+
+set(CPACK_GENERATOR "DEB")
+set(CPACK_PACKAGE_NAME "device-service")
+set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
+set(CPACK_PACKAGE_CONTACT "device-service developers")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Reads PLCs for an industrial gateway and publishes their values on D-Bus")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS
+    "libglib2.0-0, libsqlite3-0, libprotobuf-c1, libmodbus5, libjson-glib-1.0-0")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
+include(CPack)
