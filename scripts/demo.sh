@@ -23,7 +23,7 @@ if [ -z "${DS_DEMO_NO_BUILD:-}" ]; then
   bash scripts/setup.sh
   cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build "$build" -j "${JOBS:-2}" --target device-service device-service-test \
-    device-service-standin device-service-plant >/dev/null
+    device-service-standin device-service-plant device-service-ctl >/dev/null
 fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/device-service-demo.XXXXXX")
@@ -72,21 +72,11 @@ for _ in $(seq 200); do
   sleep 0.05
 done
 
-call() { gdbus call "${svc[@]}" --method "com.fernwick.DeviceService.$1" "${@:2}" >/dev/null; }
-# Serial devices: (dev_id, comm, maker, model, name, station, line type, port,
-# baud, data bits, stop bits, parity).
-call SerialDeviceAdd 1 0 1 105 "Q-series boiler" 0 0 1 9600 8 1 1
-call SerialDeviceAdd 2 0 2 1 "S7-200 conveyor" 2 0 2 9600 8 1 0
-nodes="[('Q-series boiler', uint32 1, uint32 101, 'counter', 'D100', uint32 5, '', uint32 0, false, false, uint32 0, uint32 0, 0, uint32 0, uint32 0, 0, '', ''),"
-nodes+=" ('Q-series boiler', 1, 102, 'ramp', 'D101', 5, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
-nodes+=" ('Q-series boiler', 1, 103, 'pump', 'M20', 1, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
-nodes+=" ('S7-200 conveyor', 2, 201, 'counter', 'VW100', 4, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
-nodes+=" ('S7-200 conveyor', 2, 202, 'ramp', 'VW102', 4, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', ''),"
-nodes+=" ('S7-200 conveyor', 2, 203, 'door', 'I0.0', 1, '', 0, false, false, 0, 0, 0, 0, 0, 0, '', '')]"
-call nodeTableSyncMulti "$nodes"
+ctl=("$build/tools/device-service-ctl")
+"${ctl[@]}" apply "$root/examples/plant.json"
 
-echo "device-service is reading the simulated plant; each line below is one cycle (Ctrl-C stops):"
-gdbus monitor "${svc[@]}" &
+echo "device-service is reading the simulated plant; one table per reading cycle (Ctrl-C stops):"
+"${ctl[@]}" monitor &
 pids+=($!)
 if [ "$seconds" -gt 0 ]; then
   sleep "$seconds"
