@@ -8,7 +8,8 @@ if(TARGET snap7)
   if(_snap7_type STREQUAL "SHARED_LIBRARY")
     install(TARGETS snap7 LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/device-service)
     set_target_properties(device-service PROPERTIES
-      INSTALL_RPATH "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/device-service")
+      INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/device-service")
+    install(FILES ${CMAKE_BINARY_DIR}/snap7-LICENSE.txt DESTINATION ${CMAKE_INSTALL_DOCDIR})
   endif()
 endif()
 

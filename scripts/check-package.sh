@@ -31,6 +31,10 @@ have_analyze=$(command -v systemd-analyze || true)
 if [ "$(id -u)" -eq 0 ]; then
   dpkg -i "$deb" >/dev/null
   { /usr/bin/device-service-ctl 2>&1 || true; } | grep -q usage
+  if ldd /usr/bin/device-service | grep -q 'not found'; then
+    dpkg -r device-service >/dev/null
+    echo "package: the installed daemon misses a library" >&2; exit 1
+  fi
   problems=""
   [ -n "$have_analyze" ] && problems=$(verify_unit /usr/lib/systemd/user/device-service.service)
   dpkg -r device-service >/dev/null
