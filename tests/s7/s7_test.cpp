@@ -164,3 +164,45 @@ TEST_F(S7Driver, StoppedServerFailsTheOpenAndAReturnReconnects)
     EXPECT_EQ(read_once(3, "MW0", 4).second, "4660");
     ethernet_device_free(dev);
 }
+
+#include "sim/s7_sim.h"
+#include "support/config_calls.h"
+#include "support/daemon_fixture.h"
+
+class S7E2E : public dstest::DaemonTest {};
+
+TEST_F(S7E2E, S7_1200NodesArePublishedAndComeBackAfterTheServerStops)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "Snap7's server needs port 102, which needs root";
+    using namespace dstest;
+    sim::S7Sim plc;
+    plc.set_word(1, 0, 1234);
+    plc.set_word(0, 4, 0xFFFE);
+    ASSERT_TRUE(plc.start());
+    start_daemon();
+    NodesRecorder rec(conn());
+    ASSERT_EQ(call("EthernetDeviceAdd", ethernet_args(7, 2, 3, "line", "127.0.0.1", 102)).response, 0);
+    ASSERT_EQ(call("nodeTableAddMulti",
+                   node_array({{7, 1, "DB1_0", 4, "speed"}, {7, 2, "MW4", 5, "delta"},
+                               {7, 3, "C1", 4, "count"}}))
+                  .response,
+              0);
+    start_system_service(1);
+    auto wait_values = [&](const std::vector<std::string> &want) {
+        return wait_until(
+            [&] {
+                rec.wait_for_count(rec.count() + 1, 3s);
+                return rec.count() > 0 && cycle_values(rec.last()) == want;
+            },
+            20s, 1ms);
+    };
+    // The counter node reads nothing and keeps its (empty) text.
+    ASSERT_TRUE(wait_values({"7/speed=1234", "7/delta=-2", "7/count="})) << daemon_->out();
+    plc.stop();
+    ASSERT_TRUE(daemon_->wait_output("open error\n", 15s));
+    ASSERT_TRUE(wait_values({})) << "the device is published with no nodes";
+    plc.set_word(1, 0, 4321);
+    ASSERT_TRUE(plc.start());
+    EXPECT_TRUE(wait_values({"7/speed=4321", "7/delta=-2", "7/count="}));
+}

@@ -50,12 +50,17 @@ PrivateBus::PrivateBus()
     if (pid_ == 0) {
         close(fds[0]);
         const std::string cfg_arg = "--config-file=" + config;
-        const std::string addr_arg = "--print-address=" + std::to_string(fds[1]);
+        const std::string addr_arg = "--print-address=3";
         int devnull = open("/dev/null", O_RDWR);
         if (devnull >= 0) {
             dup2(devnull, 0);
             dup2(devnull, 1);
         }
+        if (fds[1] != 3) {
+            dup2(fds[1], 3);
+            close(fds[1]);
+        }
+        close_range(4, ~0U, 0);
         execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", cfg_arg.c_str(),
                addr_arg.c_str(), static_cast<char *>(nullptr));
         _exit(127);
@@ -166,6 +171,9 @@ DaemonProcess::DaemonProcess(DaemonOptions options) : opts_(std::move(options))
         dup2(in, 0);
         dup2(out, 1);
         dup2(err, 2);
+        // Nothing else of the test goes along: a listening socket of a
+        // simulated PLC inherited here would outlive the simulator.
+        close_range(3, ~0U, 0);
         setenv("DBUS_SESSION_BUS_ADDRESS", opts_.bus_address.c_str(), 1);
         // Keep GLib's own debug chatter out of the daemon's output.
         unsetenv("G_MESSAGES_DEBUG");
