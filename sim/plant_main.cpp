@@ -13,6 +13,7 @@
 
 #include "sim/ppi_sim.h"
 #include "sim/qna_4c_sim.h"
+#include "sim/s7_sim.h"
 #include "sim/serial_line.h"
 
 namespace {
@@ -81,15 +82,28 @@ int main(int argc, char **argv)
         fprintf(stderr, "device-service-plant: %s\n", e.what());
         return 1;
     }
+    // The S7 family listens on ISO-on-TCP port 102: only root can offer it.
+    sim::S7Sim s7;
+    const bool s7_up = geteuid() == 0 && s7.start("127.0.0.1");
+    if (s7_up)
+        printf("S7 PLC (Snap7 server) on 127.0.0.1:102: DB1, merkers, inputs, outputs\n");
+    else
+        printf("S7 PLC not started (port 102 needs root)\n");
     printf("plant running; Ctrl-C stops it\n");
     fflush(stdout);
 
     for (unsigned tick = 0; stop_requested == 0; ++tick) {
         for (auto &p : plcs)
             p->update(tick);
+        if (s7_up) {
+            s7.set_word(1, 0, static_cast<uint16_t>(tick));           // S7-1200 family: DB1_DBW0
+            s7.set_word(1, 100, static_cast<uint16_t>(tick * 3));     // 200 SMART: VW100
+        }
         usleep(500 * 1000);
     }
     for (auto &l : lines)
         l->stop();
+    if (s7_up)
+        s7.stop();
     return 0;
 }
