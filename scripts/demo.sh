@@ -32,6 +32,7 @@ cleanup() {
   trap - EXIT INT TERM
   for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[$i]}" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  [ -n "${DS_DEMO_KEEP:-}" ] && cp "$work/daemon.log" "$DS_DEMO_KEEP" 2>/dev/null
   rm -rf "$work"
   echo "demo stopped; nothing left running"
 }

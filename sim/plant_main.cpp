@@ -11,6 +11,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "sim/dvp_sim.h"
+#include "sim/fx_sim.h"
 #include "sim/ppi_sim.h"
 #include "sim/qna_4c_sim.h"
 #include "sim/s7_sim.h"
@@ -29,12 +31,17 @@ void on_stop(int)
 struct SerialPlcs {
     sim::PpiSim s7_200{2};
     sim::QnA4CSim q_cpu;
+    sim::FxSim fx;
+    sim::DvpSim dvp;
 
     void attach(sim::SerialLine &line)
     {
         // PPI first: it claims a 0x10 frame only while it has an answer to fetch.
         line.add_protocol(&s7_200);
         line.add_protocol(&q_cpu);
+        line.add_protocol(&fx);  // STX
+        line.add_protocol(&dvp); // ':'
+
     }
 
     void update(unsigned tick)
@@ -50,6 +57,9 @@ struct SerialPlcs {
         q_cpu.set_word("D100", counter);
         q_cpu.set_word("D101", ramp);
         q_cpu.set_bit("M20", toggle);
+        fx.set_register(100, counter);
+        fx.set_bit("M8", toggle);
+        dvp.set(0x1064, counter); // D100
     }
 };
 
@@ -75,7 +85,8 @@ int main(int argc, char **argv)
             plcs.push_back(std::make_unique<SerialPlcs>());
             plcs.back()->attach(*lines.back());
             lines.back()->start();
-            printf("serial line %s -> %s: S7-200 PPI (station 2), Q series QnA 4C format 5\n",
+            printf("serial line %s -> %s: FX programming port, DVP Modbus ASCII, "
+                   "S7-200 PPI (station 2), Q series QnA 4C format 5\n",
                    path.c_str(), lines.back()->slave_path().c_str());
         }
     } catch (const std::exception &e) {
