@@ -1,0 +1,104 @@
+// FX5U addresses as Modbus objects, and the driver against a Modbus TCP
+// server built on libmodbus's own server side, then on the running daemon.
+#include <gtest/gtest.h>
+
+#include "device/driver/driver.h"
+#include "device/driver/ethernet/fx5u_address.h"
+#include "device/plc/plc_ethernet.h"
+#include "sim/modbus_tcp_sim.h"
+#include "support/config_calls.h"
+#include "support/daemon_fixture.h"
+
+using namespace dstest;
+
+TEST(Fx5uAddress, FixedAllocation)
+{
+    auto at = [](const char *t) { return fx5u_parse_address(t).modbus; };
+    EXPECT_EQ(at("Y7"), 7u);
+    EXPECT_EQ(at("Y10"), 8u);
+    EXPECT_TRUE(fx5u_parse_address("Y8").bad_octal);
+    EXPECT_EQ(at("X100"), 80u) << "higher digits count together as tens";
+    EXPECT_EQ(at("X177"), 143u);
+    EXPECT_EQ(at("X81"), 65u);
+    EXPECT_EQ(at("M0"), 8192u);
+    EXPECT_EQ(at("SM400"), 20880u);
+    EXPECT_EQ(at("SB0"), 40960u);
+    EXPECT_EQ(fx5u_parse_address("SB0").object, fx5u_object::coils);
+    EXPECT_EQ(at("SW0"), 40960u);
+    EXPECT_EQ(fx5u_parse_address("SW0").object, fx5u_object::registers);
+    EXPECT_EQ(at("S0"), 45056u);
+    EXPECT_EQ(fx5u_parse_address("SX1").area, 0) << "s and another letter is no step relay";
+    EXPECT_EQ(at("d1_0_0"), 100u);
+    EXPECT_EQ(at("w2"), 30722u);
+    EXPECT_EQ(fx5u_parse_address("Z1").area, 0);
+    EXPECT_EQ(fx5u_parse_address("x0").object, fx5u_object::input_bits);
+}
+
+class Fx5uDriver : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(plc_.start());
+        capture_output([] { init_driver(); });
+        dev_ = ethernet_device_create(1, "fx5u", 1, 1, 103, "127.0.0.1", plc_.port(), 0, 0);
+        plc_device probe;
+        probe.dev_mfg = 1;
+        probe.dev_type = 103;
+        dev_->driver = device_driver_match(&probe);
+    }
+    void TearDown() override { ethernet_device_free(dev_); }
+    std::pair<int, std::string> read(const char *addr, uint32_t type)
+    {
+        char v[NODE_VALUE_SIZE] = {};
+        int r = -100;
+        capture_output([&] {
+            if (dev_->driver->open(dev_) == 0) {
+                r = dev_->driver->read(dev_, addr, type, v);
+                dev_->driver->release(dev_);
+            }
+        });
+        return {r, v};
+    }
+    sim::ModbusTcpSim plc_;
+    ethernet_device *dev_ = nullptr;
+};
+
+TEST_F(Fx5uDriver, ReadsEveryObjectAndRefusesWhatItShould)
+{
+    using R = std::pair<int, std::string>;
+    plc_.set_coil(8, true);
+    plc_.set_coil(8192, true);
+    plc_.set_coil(20880, true);
+    plc_.set_coil(40960, true);
+    plc_.set_register(40960, 77);
+    plc_.set_input(15, true);
+    plc_.set_register(10, 0x0002);
+    plc_.set_register(11, 0x0001);
+    plc_.set_register(20, 0xFFFE);
+    plc_.set_register(30, 0x0000);
+    plc_.set_register(31, 0x3FC0);
+    EXPECT_EQ(read("Y10", 1), R(0, "1"));
+    EXPECT_EQ(read("Y8", 1), R(-1, "wrong address"));
+    EXPECT_EQ(read("M0", 1), R(0, "1"));
+    EXPECT_EQ(read("sm400", 1), R(0, "1"));
+    EXPECT_EQ(read("SB0", 1), R(0, "1"));
+    EXPECT_EQ(read("SW0", 4), R(0, "77"));
+    EXPECT_EQ(read("X17", 1), R(0, "1"));
+    EXPECT_EQ(read("D10", 6), R(0, std::to_string(1 * 65536 + 2)));
+    EXPECT_EQ(read("D20", 5), R(0, "-2"));
+    EXPECT_EQ(read("D20", 4), R(0, "65534"));
+    EXPECT_EQ(read("D30", 10), R(0, "1.500000")) << "libmodbus's float conversion";
+    EXPECT_EQ(read("D10", 1), R(-1, "wrong type"));
+    EXPECT_EQ(read("X0", 4), R(-1, "wrong type"));
+    EXPECT_EQ(read("Q1", 4), R(-1, "unkown type"));
+}
+
+TEST_F(Fx5uDriver, StoppedServerFailsTheOpenAndTheNextOneReconnects)
+{
+    const uint16_t port = plc_.port();
+    plc_.stop();
+    EXPECT_EQ(read("D10", 4).first, -100);
+    ASSERT_TRUE(plc_.start(port));
+    plc_.set_register(10, 5);
+    EXPECT_EQ(read("D10", 4), std::make_pair(0, std::string("5")));
+}
