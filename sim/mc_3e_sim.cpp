@@ -1,0 +1,139 @@
+#include "sim/mc_3e_sim.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <vector>
+
+namespace sim {
+
+Mc3eSim::~Mc3eSim()
+{
+    stop();
+}
+
+bool Mc3eSim::start(uint16_t port)
+{
+    if (running_)
+        return true;
+    listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
+        listen(listen_fd_, 4) != 0) {
+        close(listen_fd_);
+        listen_fd_ = -1;
+        return false;
+    }
+    socklen_t len = sizeof a;
+    getsockname(listen_fd_, reinterpret_cast<sockaddr *>(&a), &len);
+    port_ = ntohs(a.sin_port);
+    running_ = true;
+    thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+void Mc3eSim::stop()
+{
+    if (!running_.exchange(false))
+        return;
+    thread_.join();
+    close(listen_fd_);
+    listen_fd_ = -1;
+}
+
+void Mc3eSim::set(uint8_t code, uint32_t head, uint16_t value)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    memory_[{code, head}] = value;
+}
+
+void Mc3eSim::run()
+{
+    while (running_) {
+        pollfd p{listen_fd_, POLLIN, 0};
+        if (poll(&p, 1, 20) <= 0)
+            continue;
+        const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0)
+            serve(fd);
+    }
+}
+
+void Mc3eSim::serve(int fd)
+{
+    std::vector<uint8_t> buf;
+    while (running_) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 20) <= 0)
+            continue;
+        uint8_t chunk[256];
+        const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+        if (n <= 0)
+            break;
+        buf.insert(buf.end(), chunk, chunk + n);
+        while (buf.size() >= 21) {
+            const uint8_t *q = buf.data();
+            const uint16_t sub = static_cast<uint16_t>(q[13] | (q[14] << 8));
+            const uint32_t head = static_cast<uint32_t>(q[15] | (q[16] << 8) | (q[17] << 16));
+            const uint8_t code = q[18];
+            const uint16_t points = static_cast<uint16_t>(q[19] | (q[20] << 8));
+            std::vector<uint8_t> cmd(q + 11, q + 15);
+            buf.erase(buf.begin(), buf.begin() + 21);
+            ++requests_;
+            if (faults.silent)
+                continue;
+            if (faults.close_conn) {
+                close(fd);
+                return;
+            }
+            std::vector<uint8_t> a = {0xD0, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00};
+            std::vector<uint8_t> data;
+            uint16_t end_code = 0;
+            if (faults.exception) {
+                end_code = 0xC059;
+                data = {0x00, 0xFF, 0xFF, 0x03, 0x00};
+                data.insert(data.end(), cmd.begin(), cmd.end());
+            } else {
+                std::lock_guard<std::mutex> lock(mutex_);
+                for (uint16_t i = 0; i < points && i < 64; ++i) {
+                    auto it = memory_.find({code, head + i});
+                    const uint16_t v = it == memory_.end() ? 0 : it->second;
+                    if (sub == 1) {
+                        // Two points per byte, the first in the high nibble.
+                        if (i % 2 == 0)
+                            data.push_back(static_cast<uint8_t>((v & 1) << 4));
+                        else
+                            data.back() |= static_cast<uint8_t>(v & 1);
+                    } else {
+                        data.push_back(static_cast<uint8_t>(v));
+                        data.push_back(static_cast<uint8_t>(v >> 8));
+                    }
+                }
+            }
+            uint16_t dlen = static_cast<uint16_t>(data.size() + 2);
+            if (faults.wrong_length)
+                dlen = static_cast<uint16_t>(dlen + 2);
+            a.push_back(static_cast<uint8_t>(dlen));
+            a.push_back(static_cast<uint8_t>(dlen >> 8));
+            a.push_back(static_cast<uint8_t>(end_code));
+            a.push_back(static_cast<uint8_t>(end_code >> 8));
+            a.insert(a.end(), data.begin(), data.end());
+            if (faults.garbage)
+                for (auto &b : a)
+                    b = static_cast<uint8_t>(b ^ 0x5A);
+            const size_t out = faults.half_frame ? a.size() / 2 : a.size();
+            send(fd, a.data(), out, MSG_NOSIGNAL);
+        }
+    }
+    close(fd);
+}
+
+} // namespace sim

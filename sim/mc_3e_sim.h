@@ -1,0 +1,55 @@
+// A simulated Q CPU speaking MC protocol 3E binary frames on loopback:
+// one-point batch reads of words and bits from a settable memory, with
+// fault switches.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace sim {
+
+class Mc3eSim {
+public:
+    struct Faults {
+        std::atomic<bool> silent{false};      // take requests, answer nothing
+        std::atomic<bool> exception{false};   // answer with an error end code
+        std::atomic<bool> wrong_length{false}; // data length other than expected
+        std::atomic<bool> half_frame{false};  // send half the answer only
+        std::atomic<bool> close_conn{false};  // close the connection instead of answering
+        std::atomic<bool> garbage{false};     // answer bytes that mean nothing
+    };
+
+    Mc3eSim() = default;
+    ~Mc3eSim();
+    Mc3eSim(const Mc3eSim &) = delete;
+    Mc3eSim &operator=(const Mc3eSim &) = delete;
+
+    bool start(uint16_t port = 0);
+    void stop();
+    uint16_t port() const { return port_; }
+
+    // By device code (0xA8 D, 0x90 M, ...) and head number.
+    void set(uint8_t code, uint32_t head, uint16_t value);
+    size_t requests() const { return requests_.load(); }
+
+    Faults faults;
+
+private:
+    void run();
+    void serve(int fd);
+
+    std::mutex mutex_;
+    std::map<std::pair<uint8_t, uint32_t>, uint16_t> memory_;
+    std::thread thread_;
+    std::atomic<bool> running_{false};
+    std::atomic<size_t> requests_{0};
+    int listen_fd_ = -1;
+    uint16_t port_ = 0;
+};
+
+} // namespace sim
