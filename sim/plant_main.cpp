@@ -13,6 +13,8 @@
 
 #include "sim/dvp_sim.h"
 #include "sim/fx_sim.h"
+#include "sim/mc_3e_sim.h"
+#include "sim/modbus_tcp_sim.h"
 #include "sim/ppi_sim.h"
 #include "sim/qna_4c_sim.h"
 #include "sim/s7_sim.h"
@@ -93,6 +95,17 @@ int main(int argc, char **argv)
         fprintf(stderr, "device-service-plant: %s\n", e.what());
         return 1;
     }
+    sim::ModbusTcpSim fx5u;
+    sim::Mc3eSim q_3e;
+    if (fx5u.start(5020))
+        printf("FX-5U (Modbus TCP) on 127.0.0.1:5020\n");
+    else
+        printf("FX-5U not started: 127.0.0.1:5020 is taken\n");
+    if (q_3e.start(5007))
+        printf("Q CPU (MC protocol 3E) on 127.0.0.1:5007\n");
+    else
+        printf("Q CPU (3E) not started: 127.0.0.1:5007 is taken\n");
+
     // The S7 family listens on ISO-on-TCP port 102: only root can offer it.
     sim::S7Sim s7;
     const bool s7_up = geteuid() == 0 && s7.start("127.0.0.1");
@@ -106,6 +119,8 @@ int main(int argc, char **argv)
     for (unsigned tick = 0; stop_requested == 0; ++tick) {
         for (auto &p : plcs)
             p->update(tick);
+        fx5u.set_register(100, static_cast<uint16_t>(tick));       // D100
+        q_3e.set(0xA8, 100, static_cast<uint16_t>(tick * 2));      // D100
         if (s7_up) {
             s7.set_word(1, 0, static_cast<uint16_t>(tick));           // S7-1200 family: DB1_DBW0
             s7.set_word(1, 100, static_cast<uint16_t>(tick * 3));     // 200 SMART: VW100
