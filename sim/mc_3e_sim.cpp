@@ -15,64 +15,17 @@ Mc3eSim::~Mc3eSim()
     stop();
 }
 
-bool Mc3eSim::start(uint16_t port)
-{
-    if (running_)
-        return true;
-    listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int one = 1;
-    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-        listen(listen_fd_, 4) != 0) {
-        close(listen_fd_);
-        listen_fd_ = -1;
-        return false;
-    }
-    socklen_t len = sizeof a;
-    getsockname(listen_fd_, reinterpret_cast<sockaddr *>(&a), &len);
-    port_ = ntohs(a.sin_port);
-    running_ = true;
-    thread_ = std::thread([this] { run(); });
-    return true;
-}
-
-void Mc3eSim::stop()
-{
-    if (!running_.exchange(false))
-        return;
-    thread_.join();
-    close(listen_fd_);
-    listen_fd_ = -1;
-}
-
 void Mc3eSim::set(uint8_t code, uint32_t head, uint16_t value)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     memory_[{code, head}] = value;
 }
 
-void Mc3eSim::run()
-{
-    while (running_) {
-        pollfd p{listen_fd_, POLLIN, 0};
-        if (poll(&p, 1, 20) <= 0)
-            continue;
-        const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd >= 0)
-            serve(fd);
-    }
-}
-
 void Mc3eSim::serve(int fd)
 {
     std::vector<uint8_t> buf;
-    while (running_) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 20) <= 0)
+    while (running()) {
+        if (!readable(fd))
             continue;
         uint8_t chunk[256];
         const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
@@ -90,10 +43,8 @@ void Mc3eSim::serve(int fd)
             ++requests_;
             if (faults.silent)
                 continue;
-            if (faults.close_conn) {
-                close(fd);
+            if (faults.close_conn)
                 return;
-            }
             std::vector<uint8_t> a = {0xD0, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00};
             std::vector<uint8_t> data;
             uint16_t end_code = 0;
@@ -133,7 +84,6 @@ void Mc3eSim::serve(int fd)
             send(fd, a.data(), out, MSG_NOSIGNAL);
         }
     }
-    close(fd);
 }
 
 } // namespace sim

@@ -8,12 +8,13 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
+
+#include "sim/loopback_server.h"
 
 namespace sim {
 
-class Mc3eSim {
+class Mc3eSim : public LoopbackServer {
 public:
     struct Faults {
         std::atomic<bool> silent{false};      // take requests, answer nothing
@@ -25,13 +26,9 @@ public:
     };
 
     Mc3eSim() = default;
-    ~Mc3eSim();
+    ~Mc3eSim() override;
     Mc3eSim(const Mc3eSim &) = delete;
     Mc3eSim &operator=(const Mc3eSim &) = delete;
-
-    bool start(uint16_t port = 0);
-    void stop();
-    uint16_t port() const { return port_; }
 
     // By device code (0xA8 D, 0x90 M, ...) and head number.
     void set(uint8_t code, uint32_t head, uint16_t value);
@@ -40,16 +37,11 @@ public:
     Faults faults;
 
 private:
-    void run();
-    void serve(int fd);
+    void serve(int fd) override;
 
     std::mutex mutex_;
     std::map<std::pair<uint8_t, uint32_t>, uint16_t> memory_;
-    std::thread thread_;
-    std::atomic<bool> running_{false};
     std::atomic<size_t> requests_{0};
-    int listen_fd_ = -1;
-    uint16_t port_ = 0;
 };
 
 } // namespace sim

@@ -136,22 +136,10 @@ int mitsubishi_fx5u_read(plc_device *, const char *addr, uint32_t data_type, cha
     return modbus_read(priv->ctx, addr, data_type, value) >= 0 ? 0 : -1;
 }
 
-int mitsubishi_fx5u_write(plc_device *, const char *, uint32_t, const char *)
-{
-    return driver_log_only(__func__);
-}
-
-int mitsubishi_fx5u_update_params(plc_device *)
-{
-    return driver_log_only(__func__);
-}
-
-int mitsubishi_fx5u_save_config(plc_device *)
-{
-    return driver_log_only(__func__);
-}
 
 } // namespace
+
+DRIVER_LOG_ONLY_OPS(mitsubishi_fx5u)
 
 driver mitsubishi_fx5u_drv = {"mitsubishi_fx5u",          1,
                               DEV_MFG_MITSUBISHI,         DEV_TYPE_FX_5U,

@@ -243,20 +243,8 @@ static int mitsubishi_QnA_3E_read(plc_device *dev, const char *addr, uint32_t da
     return 0;
 }
 
-static int mitsubishi_QnA_3E_write(plc_device *, const char *, uint32_t, const char *)
-{
-    return driver_log_only(__func__);
-}
 
-static int mitsubishi_QnA_3E_update_params(plc_device *)
-{
-    return driver_log_only(__func__);
-}
-
-static int mitsubishi_QnA_3E_save_config(plc_device *)
-{
-    return driver_log_only(__func__);
-}
+DRIVER_LOG_ONLY_OPS(mitsubishi_QnA_3E)
 
 driver mitsubishi_QnA_3E_drv = {"mitsubishi_QnA_3E",        1,
                                 DEV_MFG_MITSUBISHI,         DEV_TYPE_QNA_3E,

@@ -129,13 +129,8 @@ int s7_read(driver &drv, const char *func, const s7_variant &v, const char *addr
     {                                                                                          \
         return s7_read(name##_drv, __func__, variant, addr, data_type, value);                 \
     }                                                                                          \
-    int name##_write(plc_device *, const char *, uint32_t, const char *)                       \
-    {                                                                                          \
-        return driver_log_only(__func__);                                                      \
     }                                                                                          \
-    int name##_update_params(plc_device *) { return driver_log_only(__func__); }               \
-    int name##_save_config(plc_device *) { return driver_log_only(__func__); }                 \
-    }                                                                                          \
+    DRIVER_LOG_ONLY_OPS(name)                                                                  \
     driver name##_drv = {#name,          1,                       DEV_MFG_SIEMENS,             \
                          type,           nullptr,                 name##_probe,                \
                          name##_remove,  name##_read,             name##_write,                \

@@ -175,20 +175,8 @@ static int delta_dvp32ec_read(plc_device *dev, const char *node_addr, uint32_t d
     return 0;
 }
 
-static int delta_dvp32ec_write(plc_device *, const char *, uint32_t, const char *)
-{
-    return driver_log_only(__func__);
-}
 
-static int delta_dvp32ec_update_params(plc_device *)
-{
-    return driver_log_only(__func__);
-}
-
-static int delta_dvp32ec_save_config(plc_device *)
-{
-    return driver_log_only(__func__);
-}
+DRIVER_LOG_ONLY_OPS(delta_dvp32ec)
 
 driver delta_dvp32ec_drv = {"delta_dvp32ec",         0,
                             DEV_MFG_DELTA,           DEV_TYPE_DVP_32EC,

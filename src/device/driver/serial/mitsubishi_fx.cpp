@@ -131,13 +131,8 @@ int fx_read(driver &drv, const char *func, bool float_ok, const char *addr, uint
     {                                                                                          \
         return fx_read(name##_drv, __func__, float_ok, addr, data_type, value);                \
     }                                                                                          \
-    int name##_write(plc_device *, const char *, uint32_t, const char *)                       \
-    {                                                                                          \
-        return driver_log_only(__func__);                                                      \
     }                                                                                          \
-    int name##_update_params(plc_device *) { return driver_log_only(__func__); }               \
-    int name##_save_config(plc_device *) { return driver_log_only(__func__); }                 \
-    }                                                                                          \
+    DRIVER_LOG_ONLY_OPS(name)                                                                  \
     driver name##_drv = {#name,          0,                       DEV_MFG_MITSUBISHI,          \
                          type,           nullptr,                 name##_probe,                \
                          name##_remove,  name##_read,             name##_write,                \
