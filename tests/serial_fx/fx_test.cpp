@@ -177,7 +177,9 @@ TEST_F(FxE2E, ValuesPublishedAndBackAfterSilence)
     start_daemon();
     NodesRecorder rec(conn());
     ASSERT_EQ(call("SerialDeviceAdd", serial_args(1, 1, 102, "fx1n", 0, 1, 9600, 7, 1, 1)).response, 0);
-    ASSERT_EQ(call("nodeTableAddMulti", node_array({{1, 1, "D100", 4, "d"}, {1, 2, "M8", 1, "m"}}))
+    ASSERT_EQ(call("SerialDeviceAdd", serial_args(2, 1, 101, "fx3u", 0, 1, 9600, 7, 1, 1)).response, 0);
+    ASSERT_EQ(call("nodeTableAddMulti", node_array({{1, 1, "D100", 4, "d"}, {1, 2, "M8", 1, "m"},
+                                                    {2, 3, "D100", 11, "h"}}))
                   .response,
               0);
     start_system_service(1);
@@ -189,12 +191,12 @@ TEST_F(FxE2E, ValuesPublishedAndBackAfterSilence)
             },
             20s, 1ms);
     };
-    ASSERT_TRUE(wait_values({"1/d=321", "1/m=1"})) << daemon_->out();
+    ASSERT_TRUE(wait_values({"1/d=321", "1/m=1", "2/h=0x141"})) << daemon_->out();
     plc.faults.silent = true;
     ASSERT_TRUE(daemon_->wait_output("timeout1\n"));
     EXPECT_TRUE(daemon_->wait_output("read_PLC_nodes_3:665 D100 = NULL\n"));
     ASSERT_TRUE(wait_values({}));
     plc.set_register(100, 123);
     plc.faults.silent = false;
-    EXPECT_TRUE(wait_values({"1/d=123", "1/m=1"}));
+    EXPECT_TRUE(wait_values({"1/d=123", "1/m=1", "2/h=0x7b"}));
 }
