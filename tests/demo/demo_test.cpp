@@ -53,24 +53,30 @@ TEST(Demo, RunsTheSimulatedPlantAndLeavesNothingBehind)
     const std::string out = read_file(out_path);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
 
-    // Every model's counter shows and moves between cycles; the S7 family
-    // needs port 102, so only as root.
-    std::vector<std::string> devices = {"FX-3U mixer",  "FX-1N filler",  "Q-series boiler",
-                                        "S7-200 conveyor", "DVP-32EC pump", "FX-5U press",
-                                        "Q CPU oven"};
+    // Every model's first node counts up with the plant: it shows and moves
+    // between cycles. The S7 family needs port 102, so only as root.
+    std::vector<std::pair<std::string, std::string>> counters = {
+        {"FX-3U mixer", "batches"},   {"FX-1N filler", "bottles"}, {"Q-series boiler", "cycles"},
+        {"S7-200 conveyor", "parcels"}, {"DVP-32EC pump", "strokes"}, {"FX-5U press", "strokes"},
+        {"Q CPU oven", "trays"}};
     if (geteuid() == 0)
-        for (const char *d : {"S7-200 SMART dryer", "S7-1200 line", "S7-1500 cell", "S7-300 kiln",
-                              "S7-400 turbine"})
-            devices.push_back(d);
-    for (const auto &d : devices) {
-        std::string key = d;
-        key.resize(25, ' ');
-        key += "counter";
-        std::vector<std::string> counters;
-        for (size_t pos = out.find(key); pos != std::string::npos; pos = out.find(key, pos + 1))
-            counters.push_back(out.substr(pos, out.find('\n', pos) - pos));
-        ASSERT_GE(counters.size(), 2u) << d << "\n" << out;
-        EXPECT_NE(counters.front(), counters.back()) << d;
+        counters.insert(counters.end(), {{"S7-200 SMART dryer", "loads"}, {"S7-1200 line", "pieces"},
+                                         {"S7-1500 cell", "welds"}, {"S7-300 kiln", "firings"},
+                                         {"S7-400 turbine", "revolutions"}});
+    for (const auto &[device, node] : counters) {
+        std::vector<std::string> seen;
+        size_t start = 0;
+        while (start < out.size()) {
+            const size_t end = out.find('\n', start);
+            const std::string line = out.substr(start, end == std::string::npos ? end : end - start);
+            if (line.find(device + " ") != std::string::npos && line.find(" " + node + " ") != std::string::npos)
+                seen.push_back(line);
+            if (end == std::string::npos)
+                break;
+            start = end + 1;
+        }
+        ASSERT_GE(seen.size(), 2u) << device << "\n" << out;
+        EXPECT_NE(seen.front(), seen.back()) << device;
     }
     EXPECT_NE(out.find("demo stopped; nothing left running"), std::string::npos);
 
