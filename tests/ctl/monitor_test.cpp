@@ -1,0 +1,114 @@
+// How a published cycle is shown: decoded from the signal's argument, as a
+// table and as one JSON line that programs read back unchanged.
+#include <gtest/gtest.h>
+
+#include <json-glib/json-glib.h>
+
+#include "ctl_config.h"
+#include "ctl_monitor.h"
+
+namespace {
+
+// a(usuuv) with two devices: one with two nodes, one with none.
+GVariant *sample_cycle(const char *name)
+{
+    GVariantBuilder nodes;
+    g_variant_builder_init(&nodes, G_VARIANT_TYPE("a(ssus)"));
+    g_variant_builder_add(&nodes, "(ssus)", "level \"A\"\n", "D100", 5u, "-12");
+    g_variant_builder_add(&nodes, "(ssus)", "Füllstand", "DB1_DBD8", 10u, "1.500000");
+    GVariantBuilder cycle;
+    g_variant_builder_init(&cycle, G_VARIANT_TYPE("a(usuuv)"));
+    g_variant_builder_add(&cycle, "(usuuv)", 7u, name, 1u, 105u, g_variant_builder_end(&nodes));
+    g_variant_builder_add(&cycle, "(usuuv)", 8u, "s7", 2u, 3u,
+                          g_variant_new_array(G_VARIANT_TYPE("(ssus)"), nullptr, 0));
+    return g_variant_ref_sink(g_variant_builder_end(&cycle));
+}
+
+struct Clock {
+    GDateTime *t = g_date_time_new_local(2026, 3, 4, 5, 6, 7);
+    ~Clock() { g_date_time_unref(t); }
+};
+
+} // namespace
+
+TEST(CtlMonitor, DecodesTheSignalAndRefusesOtherShapes)
+{
+    GVariant *cycle = sample_cycle("boiler");
+    std::vector<ctl::DeviceValues> devs;
+    ASSERT_TRUE(ctl::decode_cycle(cycle, devs));
+    g_variant_unref(cycle);
+    ASSERT_EQ(devs.size(), 2u);
+    EXPECT_EQ(devs[0].dev_id, 7u);
+    EXPECT_EQ(devs[0].dev_type, 105u);
+    ASSERT_EQ(devs[0].nodes.size(), 2u);
+    EXPECT_EQ(devs[0].nodes[1].node_addr, "DB1_DBD8");
+    EXPECT_EQ(devs[0].nodes[1].value, "1.500000");
+    EXPECT_TRUE(devs[1].nodes.empty());
+
+    GVariant *wrong_inner = g_variant_ref_sink(g_variant_new_parsed("[(uint32 1, 'd', uint32 1, uint32 1, <['x']>)]"));
+    EXPECT_FALSE(ctl::decode_cycle(wrong_inner, devs));
+    EXPECT_TRUE(devs.empty());
+    g_variant_unref(wrong_inner);
+    GVariant *wrong_outer = g_variant_ref_sink(g_variant_new_parsed("[(uint32 1, 'd')]"));
+    EXPECT_FALSE(ctl::decode_cycle(wrong_outer, devs));
+    g_variant_unref(wrong_outer);
+}
+
+TEST(CtlMonitor, JsonLineReadsBackUnchanged)
+{
+    GVariant *cycle = sample_cycle("Kessel \\ \"Süd\"\t");
+    std::vector<ctl::DeviceValues> devs;
+    ASSERT_TRUE(ctl::decode_cycle(cycle, devs));
+    g_variant_unref(cycle);
+    Clock clock;
+    const std::string line = ctl::cycle_json(devs, 3, clock.t);
+    EXPECT_EQ(line.find('\n'), std::string::npos) << "one cycle, one line";
+
+    JsonParser *parser = json_parser_new();
+    ASSERT_TRUE(json_parser_load_from_data(parser, line.c_str(), -1, nullptr)) << line;
+    JsonObject *root = json_node_get_object(json_parser_get_root(parser));
+    EXPECT_EQ(json_object_get_int_member(root, "cycle"), 3);
+    EXPECT_EQ(std::string(json_object_get_string_member(root, "time")).rfind("2026-03-04T05:06:07", 0), 0u);
+    JsonArray *devices = json_object_get_array_member(root, "devices");
+    ASSERT_EQ(json_array_get_length(devices), 2u);
+    JsonObject *d = json_array_get_object_element(devices, 0);
+    EXPECT_STREQ(json_object_get_string_member(d, "dev_name"), "Kessel \\ \"Süd\"\t");
+    EXPECT_STREQ(json_object_get_string_member(d, "model"), "Q-serial");
+    JsonArray *nodes = json_object_get_array_member(d, "nodes");
+    ASSERT_EQ(json_array_get_length(nodes), 2u);
+    JsonObject *n = json_array_get_object_element(nodes, 0);
+    EXPECT_STREQ(json_object_get_string_member(n, "node_name"), "level \"A\"\n");
+    EXPECT_STREQ(json_object_get_string_member(n, "type"), "S16");
+    EXPECT_EQ(json_object_get_int_member(n, "node_data_type"), 5);
+    EXPECT_STREQ(json_object_get_string_member(n, "value"), "-12");
+    EXPECT_EQ(json_array_get_length(
+                  json_object_get_array_member(json_array_get_object_element(devices, 1), "nodes")),
+              0u);
+    g_object_unref(parser);
+}
+
+TEST(CtlMonitor, TableShowsEveryDeviceInAlignedColumns)
+{
+    GVariant *cycle = sample_cycle("Bräter");
+    std::vector<ctl::DeviceValues> devs;
+    ASSERT_TRUE(ctl::decode_cycle(cycle, devs));
+    g_variant_unref(cycle);
+    devs[0].nodes[0].node_name = "level"; // one line per node
+    Clock clock;
+    const std::string table = ctl::cycle_table(devs, 2, clock.t);
+    gchar **lines = g_strsplit(table.c_str(), "\n", -1);
+    ASSERT_EQ(g_strv_length(lines), 6u) << table; // heading, header, 3 rows, end
+    EXPECT_STREQ(lines[0], "cycle 2 at 2026-03-04 05:06:07: 2 devices, 2 values");
+    // The VALUE column starts at the same character in every row.
+    const glong value_at = g_utf8_pointer_to_offset(lines[1], strstr(lines[1], "VALUE"));
+    const char *values[] = {"-12", "1.500000", "(no values)"};
+    for (int i = 0; i < 3; ++i) {
+        const char *row = lines[2 + i];
+        ASSERT_NE(strstr(row, values[i]), nullptr) << row;
+        EXPECT_EQ(g_utf8_pointer_to_offset(row, strstr(row, values[i])), value_at) << row;
+    }
+    EXPECT_NE(strstr(lines[2], "Bräter"), nullptr);
+    EXPECT_NE(strstr(lines[2], "Q-serial"), nullptr);
+    EXPECT_NE(strstr(lines[3], "Float"), nullptr);
+    g_strfreev(lines);
+}
