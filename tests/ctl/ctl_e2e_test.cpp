@@ -6,11 +6,7 @@
 #include <arpa/inet.h>
 #include <json-glib/json-glib.h>
 #include <netinet/in.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <set>
@@ -23,77 +19,18 @@
 #include "sim/ppi_sim.h"
 #include "sim/qna_4c_sim.h"
 #include "sim/serial_line.h"
+#include "run_program.h"
 #include "support/daemon_fixture.h"
 
 using namespace dstest;
 
 namespace {
 
-struct CtlRun {
-    int status = -1; // exit status; -1 when it did not exit by itself in time
-    std::string out;
-    std::string err;
-};
-
-// Runs the client with a deadline, so a client that never returns fails
-// the test instead of hanging it.
-CtlRun run_ctl(const std::vector<std::string> &args, std::chrono::seconds deadline = 60s)
+RunResult run_ctl(const std::vector<std::string> &args)
 {
-    std::vector<std::string> all = {DS_CTL};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (auto &a : all)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
-        return {};
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out[1]);
-    close(err[1]);
-    CtlRun r;
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string *sinks[2] = {&r.out, &r.err};
-    int open_fds = 2;
-    bool killed = false;
-    while (open_fds > 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            kill(pid, SIGKILL);
-            killed = true;
-            break;
-        }
-        if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR)
-            break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0)
-                continue;
-            char buf[4096];
-            const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            } else {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open_fds;
-            }
-        }
-    }
-    for (auto &f : fds)
-        if (f.fd >= 0)
-            close(f.fd);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    r.status = !killed && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+    std::vector<std::string> argv = {DS_CTL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_program(argv);
 }
 
 std::vector<std::string> lines_of(const std::string &text)
@@ -220,7 +157,7 @@ protected:
     // Every cycle of a `monitor --json` run, and the union of what they show.
     Cycle watch(unsigned cycles)
     {
-        const CtlRun r = run_ctl(ctl({"monitor", "--json", "--count", std::to_string(cycles)}));
+        const RunResult r = run_ctl(ctl({"monitor", "--json", "--count", std::to_string(cycles)}));
         EXPECT_EQ(r.status, 0) << r.err;
         const auto lines = lines_of(r.out);
         EXPECT_EQ(lines.size(), cycles) << r.out;
@@ -246,7 +183,7 @@ TEST_F(CtlOnDaemon, AppliedConfigurationIsReadAndSurvivesARestart)
     start_daemon();
     start_system_service(1);
 
-    CtlRun r = run_ctl(ctl({"apply", dir_.file("plant.json")}));
+    RunResult r = run_ctl(ctl({"apply", dir_.file("plant.json")}));
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(r.out, "SerialDeviceSyncMulti (5 serial devices): 0 done\n"
                      "EthernetDeviceSyncMulti (7 Ethernet devices): 0 done\n"
@@ -298,7 +235,7 @@ TEST_F(CtlOnDaemon, MistakesSendNothing)
                R"({"serial_devices": [{"dev_id": 1, "dev_name": "a", "model": "FX-3U", "serial_number": 1}],
                    "ethernet_devices": [],
                    "nodes": [{"node_id": 1, "dev_id": 1, "node_name": "n", "node_data_type": "U16"}]})");
-    CtlRun r = run_ctl(ctl({"apply", dir_.file("bad.json")}));
+    RunResult r = run_ctl(ctl({"apply", dir_.file("bad.json")}));
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "device-service-ctl: " + dir_.file("bad.json") + ": nodes[0].node_addr: missing field\n");
     EXPECT_EQ(r.out, "");
@@ -327,7 +264,7 @@ TEST_F(CtlOnDaemon, SingleCallsReportTheirResultsInWords)
     start_daemon();
     const std::initializer_list<std::string> fx = {"serial-add", "--dev-id", "1", "--dev-name", "fx",
                                                    "--model", "FX-3U", "--serial-number", "1"};
-    CtlRun r = run_ctl(ctl(fx));
+    RunResult r = run_ctl(ctl(fx));
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "SerialDeviceAdd: 0 done\n");
     r = run_ctl(ctl(fx));
