@@ -35,19 +35,35 @@ void FxSim::set_bit(const std::string &device, bool on)
 
 size_t FxSim::feed(const uint8_t *data, size_t len, std::vector<uint8_t> &answer)
 {
+    // Only a device read (STX "0", four hex address digits, two decimal
+    // count digits, ETX) is ours; another STX protocol on the line gets it.
+    auto upper_hex = [](uint8_t c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'); };
+    for (size_t i = 1; i < len && i < 9; ++i) {
+        const bool ok = i == 1 ? data[i] == '0'
+                        : i < 6 ? upper_hex(data[i])
+                        : i < 8 ? data[i] >= '0' && data[i] <= '9'
+                                : data[i] == FX_ETX;
+        if (!ok)
+            return NOT_MINE;
+    }
     if (len < FX_REQUEST_SIZE)
         return 0;
-    if (data[1] != '0' || data[8] != 0x03)
-        return 1; // not a read request: drop the STX and look again
     unsigned address = 0;
     for (int i = 2; i < 6; ++i)
         address = address * 16 + atoh(static_cast<char>(data[i]));
     const unsigned count = static_cast<unsigned>((data[6] - '0') * 10 + (data[7] - '0'));
-    if (faults.nak || count == 0 || count > 64) {
-        answer = {0x15};
+    unsigned request_sum = 0;
+    for (int i = 1; i <= 8; ++i)
+        request_sum += data[i];
+    const bool sum_ok = upper_hex(data[9]) && upper_hex(data[10]) &&
+                        atoh(static_cast<char>(data[9])) == ((request_sum >> 4) & 0xF) &&
+                        atoh(static_cast<char>(data[10])) == (request_sum & 0xF);
+    // The PLC refuses a request whose sum is wrong, as it refuses on command.
+    if (!sum_ok || faults.nak || faults.exception || count == 0 || count > 64) {
+        answer = {FX_NAK};
         return FX_REQUEST_SIZE;
     }
-    answer.push_back(0x02);
+    answer.push_back(FX_STX);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (unsigned i = 0; i < count; ++i) {
@@ -57,7 +73,7 @@ size_t FxSim::feed(const uint8_t *data, size_t len, std::vector<uint8_t> &answer
             answer.push_back(static_cast<uint8_t>(hex(b & 0xF)));
         }
     }
-    answer.push_back(0x03);
+    answer.push_back(FX_ETX);
     unsigned sum = 0;
     for (size_t i = 1; i < answer.size(); ++i)
         sum += answer[i];

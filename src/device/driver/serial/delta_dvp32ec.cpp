@@ -3,8 +3,8 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "device/driver/driver_lifecycle.h"
@@ -31,6 +31,9 @@ int get_point_value(int &fd, const char *address_hex, const char *code, uint32_t
 {
     const std::string frame = dvp_request(station, code, address_hex);
     g_print("%s", frame.c_str());
+    // An answer that came after its time-out is still on the line: taken
+    // for this request it would give another point's value.
+    tcflush(fd, TCIFLUSH);
     if (write(fd, frame.data(), frame.size()) <= 0) {
         perror("write");
         g_print("close uart\n");
@@ -171,10 +174,9 @@ static int delta_dvp32ec_read(plc_device *dev, const char *node_addr, uint32_t d
                                         static_cast<const serial_device *>(dev)->station_num) != 0)
         return -1;
     snprintf(value, NODE_VALUE_SIZE, "%d", static_cast<int>(v));
-    g_print("<%s> = %s\n", node_addr, value);
+    g_print("<%s> = %s\n", address, value);
     return 0;
 }
-
 
 DRIVER_LOG_ONLY_OPS(delta_dvp32ec)
 

@@ -18,16 +18,15 @@ int hex_value(char c)
     return -1;
 }
 
-// Reads `n` hex characters as "%x" would: stops at the first non-hex one.
-uint32_t hex_field(const char *p, size_t n)
+} // namespace
+
+uint32_t dvp_hex_field(const char *p, size_t n)
 {
     uint32_t v = 0;
     for (size_t i = 0; i < n && hex_value(p[i]) >= 0; ++i)
         v = v * 16 + static_cast<uint32_t>(hex_value(p[i]));
     return v;
 }
-
-} // namespace
 
 uint8_t get_LRC(const char *hex_text)
 {
@@ -38,7 +37,7 @@ uint8_t get_LRC(const char *hex_text)
     }
     uint8_t sum = 0;
     for (size_t i = 0; i < len; i += 2)
-        sum = static_cast<uint8_t>(sum + hex_field(hex_text + i, 2));
+        sum = static_cast<uint8_t>(sum + dvp_hex_field(hex_text + i, 2));
     return static_cast<uint8_t>(0 - sum);
 }
 
@@ -117,16 +116,16 @@ int analysis_delta(const char *answer, size_t len, uint32_t *value_out, char exc
     snprintf(lrc, sizeof lrc, "%02X", get_LRC(body));
     if (memcmp(lrc, answer + len - 4, 2) != 0)
         return -2; // compared as text: a lower-case LRC is refused
-    if (hex_field(answer + 3, 2) >= 0x80) {
+    if (dvp_hex_field(answer + 3, 2) >= 0x80) {
         exception_out[0] = answer[5];
         exception_out[1] = answer[6];
         exception_out[2] = '\0';
         return -3;
     }
-    const size_t count = hex_field(answer + 5, 2);
+    const size_t count = dvp_hex_field(answer + 5, 2);
     const size_t chars = 2 * count;
     if (7 + chars > len - 4 || chars > 8)
         return -1; // the data must lie before the LRC
-    *value_out = hex_field(answer + 7, chars);
+    *value_out = dvp_hex_field(answer + 7, chars);
     return 0;
 }

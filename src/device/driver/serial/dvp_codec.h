@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <string>
 
+// Up to `n` hex characters (either case) read as "%x" would: the value of
+// those before the first non-hex one.
+uint32_t dvp_hex_field(const char *p, size_t n);
 uint8_t get_LRC(const char *hex_text);
 // Upper-cases `address` in place (as the node's text is), then the code
 // "01"/"02"/"03" for the letter and data type; -1 when not allowed.

@@ -1,12 +1,10 @@
 #include "device/driver/serial/fx_codec.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 namespace {
-
-constexpr uint8_t STX = 0x02;
-constexpr uint8_t ETX = 0x03;
 
 char hex_digit(unsigned v)
 {
@@ -37,9 +35,12 @@ int fx_build_request(const char *node_addr, uint8_t frame[FX_REQUEST_SIZE], uint
     for (char &c : a)
         if (c >= 'A' && c <= 'Z')
             c = static_cast<char>(c - 'A' + 'a');
+    // Held at a bound above every area's limit, so that a long number never
+    // wraps round into range.
+    constexpr unsigned NUMBER_CAP = 100000;
     unsigned number = 0;
     for (const char *p = a + (a[0] != '\0' ? 1 : 0); *p >= '0' && *p <= '9'; ++p)
-        number = number * 10 + static_cast<unsigned>(*p - '0');
+        number = std::min(number * 10 + static_cast<unsigned>(*p - '0'), NUMBER_CAP);
     unsigned address = 0;
     unsigned count = 1;
     *bit = 0;
@@ -75,19 +76,30 @@ int fx_build_request(const char *node_addr, uint8_t frame[FX_REQUEST_SIZE], uint
         return -1;
     }
     memset(frame, 0, FX_REQUEST_SIZE);
-    frame[0] = STX;
+    frame[0] = FX_STX;
     frame[1] = '0';
     for (int i = 0; i < 4; ++i)
         frame[2 + i] = static_cast<uint8_t>(hex_digit((address >> (12 - 4 * i)) & 0xF));
     frame[6] = static_cast<uint8_t>('0' + (2 * count) / 10);
     frame[7] = static_cast<uint8_t>('0' + (2 * count) % 10);
-    frame[8] = ETX;
+    frame[8] = FX_ETX;
     unsigned sum = 0;
     for (int i = 1; i <= 8; ++i)
         sum += frame[i];
     frame[9] = static_cast<uint8_t>(hex_digit((sum >> 4) & 0xF));
     frame[10] = static_cast<uint8_t>(hex_digit(sum & 0xF));
     return 0;
+}
+
+bool fx_answer_complete(const uint8_t *answer, size_t len)
+{
+    if (len < 1 || answer[0] != FX_STX)
+        return false;
+    const void *etx = memchr(answer + 1, FX_ETX, len - 1);
+    if (etx == nullptr)
+        return false;
+    const auto at = static_cast<size_t>(static_cast<const uint8_t *>(etx) - answer);
+    return len - at >= 3;
 }
 
 int fx_decode_answer(const uint8_t *answer, size_t len, uint32_t data_type, bool float_ok,

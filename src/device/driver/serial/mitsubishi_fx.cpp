@@ -24,7 +24,6 @@ struct fx_priv {
 
 constexpr int64_t ANSWER_WAIT_MS = 100;
 constexpr size_t ANSWER_SIZE = 512;
-constexpr uint8_t NAK = 0x15;
 
 int fx_open(driver &drv, const char *func, plc_device *dev)
 {
@@ -72,10 +71,14 @@ int fx_release(driver &drv, const char *func)
 int read_data(int fd, const uint8_t *frame, uint32_t data_type, bool float_ok, uint8_t bit,
               char *value)
 {
+    // Bytes still on the line belong to an earlier exchange (an answer that
+    // came too late): taken for this one they would give another device's value.
+    tcflush(fd, TCIFLUSH);
+    const int64_t deadline = serial_now_ms() + ANSWER_WAIT_MS;
     if (write(fd, frame, FX_REQUEST_SIZE) < 0) {
         // Nothing more to do: the wait below ends in a time-out.
     }
-    const int r = serial_wait_readable(fd, serial_now_ms() + ANSWER_WAIT_MS);
+    const int r = serial_wait_readable(fd, deadline);
     if (r < 0) {
         perror("select");
         return -1;
@@ -88,16 +91,27 @@ int read_data(int fd, const uint8_t *frame, uint32_t data_type, bool float_ok, u
     const ssize_t n = read(fd, answer, sizeof answer);
     if (n <= 0)
         return -1;
-    if (answer[0] == NAK) {
+    if (answer[0] == FX_NAK) {
         g_print("cmd error\n");
         return -1;
     }
     // A second read at once picks up what came after the first; it is
-    // joined to it, and decoding never goes past what arrived.
+    // joined to it. An answer still short of its ETX and sum (a converter
+    // that delivers in pieces) is waited for within the same 100 ms.
     size_t len = static_cast<size_t>(n);
     const ssize_t more = read(fd, answer + len, sizeof answer - len);
     if (more > 0)
         len += static_cast<size_t>(more);
+    while (answer[0] == FX_STX && !fx_answer_complete(answer, len) && len < sizeof answer &&
+           serial_wait_readable(fd, deadline) > 0) {
+        const ssize_t rest = read(fd, answer + len, sizeof answer - len);
+        if (rest <= 0)
+            break;
+        len += static_cast<size_t>(rest);
+    }
+    // Data follow an STX; anything else is not an answer to this request.
+    if (answer[0] != FX_STX)
+        return -1;
     return fx_decode_answer(answer, len, data_type, float_ok, bit, value, NODE_VALUE_SIZE);
 }
 
