@@ -1,5 +1,5 @@
-// DVP-32EC over Modbus ASCII: frames and answers as bytes, the driver
-// against the simulated PLC, and the daemon reading it end to end.
+// DVP-32EC over Modbus ASCII: frames and answers as bytes, and the driver
+// against the simulated PLC on a pseudo-terminal.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -9,8 +9,7 @@
 #include "device/plc/plc_serial.h"
 #include "service/runtime.h"
 #include "sim/dvp_sim.h"
-#include "support/config_calls.h"
-#include "support/daemon_fixture.h"
+#include "support/test_util.h"
 
 using namespace dstest;
 
@@ -24,93 +23,138 @@ std::string map_of(const char *addr)
     return hex;
 }
 
-int decode(const std::string &answer, uint32_t *v)
+std::string code_of(const char *addr, uint32_t type)
 {
-    char exc[3];
-    return analysis_delta(answer.c_str(), answer.size(), v, exc);
+    char a[16];
+    snprintf(a, sizeof a, "%s", addr);
+    char code[3] = {};
+    return get_code(code, a, type) == 0 ? code : "-";
+}
+
+struct Decoded {
+    int rc;
+    uint32_t value;
+    std::string exception;
+};
+
+Decoded decode(const std::string &answer)
+{
+    Decoded d{0, 0xDEADBEEF, ""};
+    char exc[3] = {};
+    d.rc = analysis_delta(answer.data(), answer.size(), &d.value, exc);
+    d.exception = exc;
+    return d;
 }
 
 } // namespace
 
-TEST(DvpCodec, FramesCodesAndAddresses)
+TEST(DvpCodec, D100RequestAtStation10IsByteExact)
 {
     char addr[] = "d100";
     char code[3];
     ASSERT_EQ(get_code(code, addr, 4), 0);
-    EXPECT_STREQ(addr, "D100") << "upper-cased in place";
-    EXPECT_STREQ(code, "03");
-    const std::string body = "0a0310640001";
-    char lrc[3];
-    snprintf(lrc, sizeof lrc, "%02X", get_LRC(body.c_str()));
-    EXPECT_EQ(dvp_request(10, "03", "1064"), ":" + body + lrc + "\r\n");
-    EXPECT_EQ(get_LRC("0103"), 0xFC);
-    EXPECT_EQ(capture_output([] { EXPECT_EQ(get_LRC("010"), 0xFF); }).out,
-              "get_LRC : input_len%2 != 0\n");
-
-    char d1[] = "D100", m5[] = "M5", x1[] = "X1", c1[] = "c1";
-    EXPECT_EQ(get_code(code, d1, 1), -1);
-    EXPECT_EQ(get_code(code, m5, 4), -1);
-    ASSERT_EQ(get_code(code, x1, 1), 0);
-    EXPECT_STREQ(code, "02");
-    ASSERT_EQ(get_code(code, c1, 6), 0);
-    EXPECT_STREQ(code, "03");
-
-    EXPECT_EQ(map_of("D4096"), "A000");
-    EXPECT_EQ(map_of("M1535"), "0DFF");
-    EXPECT_EQ(map_of("M1536"), "B600");
-    EXPECT_EQ(map_of("X10"), "0408") << "X and Y are octal";
-    EXPECT_EQ(map_of("X18"), "0401");
-    EXPECT_EQ(map_of("X8"), "0408");
-    EXPECT_EQ(map_of("Y17"), "050F");
+    EXPECT_STREQ(addr, "D100") << "the address is upper-cased in place";
+    // 0a + 03 + 10 + 64 + 00 + 01 = 0x82: the LRC is 0x7E.
+    EXPECT_EQ(dvp_request(10, code, map_of(addr).c_str()), ":0a03106400017E\r\n");
+    EXPECT_EQ(dvp_request(1, "02", map_of("X17").c_str()), ":0102040F0001E9\r\n");
 }
 
-TEST(DvpCodec, AnswerChecks)
+TEST(DvpCodec, Lrc)
 {
-    uint32_t v = 0;
-    // ":" 01 03 02 1234 LRC CRLF
-    char lrc[3];
-    snprintf(lrc, sizeof lrc, "%02X", get_LRC("0103021234"));
-    EXPECT_EQ(decode(std::string(":0103021234") + lrc + "\r\n", &v), 0);
-    EXPECT_EQ(v, 0x1234u);
-    std::string lower = std::string(":0103021234") + lrc + "\r\n";
-    for (char &c : lower)
-        if (c >= 'A' && c <= 'F')
-            c = static_cast<char>(c - 'A' + 'a');
-    EXPECT_EQ(decode(lower, &v), -2) << "a lower-case LRC is refused";
-    snprintf(lrc, sizeof lrc, "%02X", get_LRC("018302"));
-    char exc[3] = {};
-    const std::string ex = std::string(":018302") + lrc + "\r\n";
-    EXPECT_EQ(analysis_delta(ex.c_str(), ex.size(), &v, exc), -3);
-    EXPECT_STREQ(exc, "02");
-    EXPECT_EQ(decode(":0103021234", &v), -1) << "no CR LF";
-    EXPECT_EQ(decode("", &v), -1);
-    snprintf(lrc, sizeof lrc, "%02X", get_LRC("0103FF"));
-    EXPECT_EQ(decode(std::string(":0103FF") + lrc + "\r\n", &v), -1)
-        << "a byte count beyond the answer is not followed";
+    EXPECT_EQ(get_LRC("0103021234"), 0xB4);
+    EXPECT_EQ(get_LRC("FF01"), 0x00) << "the sum wraps at 8 bits";
+    EXPECT_EQ(get_LRC(""), 0x00);
+    EXPECT_EQ(capture_output([] { EXPECT_EQ(get_LRC("010"), 0xFF); }).out,
+              "get_LRC : input_len%2 != 0\n");
+}
+
+TEST(DvpCodec, FunctionCodePerLetterAndType)
+{
+    struct Case {
+        const char *addr;
+        const char *bit, *u16, *u32; // data types 1, 4 and 6
+    } cases[] = {
+        {"C1", "01", "03", "03"}, {"D1", "-", "03", "-"}, {"M1", "01", "-", "-"},
+        {"S1", "01", "-", "-"},   {"T1", "01", "03", "-"}, {"X1", "02", "-", "-"},
+        {"y1", "01", "-", "-"},   {"Z1", "-", "-", "-"},   {"", "-", "-", "-"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(code_of(c.addr, 1), c.bit) << c.addr;
+        EXPECT_EQ(code_of(c.addr, 4), c.u16) << c.addr;
+        EXPECT_EQ(code_of(c.addr, 6), c.u32) << c.addr;
+        for (uint32_t other : {2u, 3u, 5u, 7u, 10u, 11u})
+            EXPECT_EQ(code_of(c.addr, other), "-") << c.addr << " type " << other;
+    }
+}
+
+TEST(DvpCodec, ModbusAddresses)
+{
+    struct Case {
+        const char *addr;
+        const char *modbus;
+    } cases[] = {
+        {"S5", "0005"},     {"X10", "0408"},   {"X17", "040F"},   {"X18", "0401"}, // octal scan stops at 8
+        {"X8", "0408"},     {"Y17", "050F"},   {"T3", "0603"},    {"M1535", "0DFF"},
+        {"M1536", "B600"},  {"C5", "0E05"},    {"d100", "1064"},  {"D4095", "1FFF"},
+        {"D4096", "A000"},  {"Z1", "0000"},    {"", "0000"},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(map_of(c.addr), c.modbus) << c.addr;
+}
+
+TEST(DvpCodec, AnswerDecoding)
+{
+    Decoded d = decode(":0103021234B4\r\n");
+    EXPECT_EQ(d.rc, 0);
+    EXPECT_EQ(d.value, 0x1234u);
+    d = decode(":010302FFFFFC\r\n");
+    EXPECT_EQ(d.rc, 0);
+    EXPECT_EQ(d.value, 65535u) << "a register reads unsigned";
+    d = decode(":01010101FC\r\n");
+    EXPECT_EQ(d.rc, 0);
+    EXPECT_EQ(d.value, 1u);
+    d = decode(":0183027A\r\n");
+    EXPECT_EQ(d.rc, -3);
+    EXPECT_EQ(d.exception, "02");
+
+    EXPECT_EQ(decode(":0103021234b4\r\n").rc, -2) << "a lower-case LRC is refused";
+    EXPECT_EQ(decode(":0103021234B5\r\n").rc, -2);
+    EXPECT_EQ(decode("0103021234B4\r\n").rc, -1) << "no ':'";
+    EXPECT_EQ(decode(":0103021234B4\n").rc, -1) << "no CR";
+    EXPECT_EQ(decode(":0103021234B4").rc, -1);
+    EXPECT_EQ(decode(":0103FFFD\r\n").rc, -1) << "a byte count beyond the answer";
+    EXPECT_EQ(decode(":\r\n").rc, -1);
+    EXPECT_EQ(decode("").rc, -1);
+    EXPECT_EQ(decode(std::string(":") + std::string(80, '0') + "00\r\n").rc, -1) << "oversized";
 }
 
 class DvpDriver : public ::testing::Test {
 protected:
-    DvpDriver() : line_(dir_.file("tty2"))
+    DvpDriver() : plc_(10), line_(dir_.file("tty2"))
     {
         service_paths p;
+        p.serial_port_1 = dir_.file("absent");
         p.serial_port_2 = dir_.file("tty2");
         set_runtime_paths(p);
         capture_output([] { init_driver(); });
         line_.add_protocol(&plc_);
         line_.start();
         dev_ = serial_device_create(1, "dvp", 0, 3, 201, 0, 2, 10, 9600, 7, 1, 1);
-        plc_device probe;
-        probe.dev_mfg = 3;
-        probe.dev_type = 201;
-        dev_->driver = device_driver_match(&probe);
+        capture_output([this] { dev_->driver = device_driver_match(dev_); });
     }
     ~DvpDriver() override
     {
         line_.stop();
         serial_device_free(dev_);
+        capture_output([] { deinit_driver(); });
     }
-    std::pair<int, std::string> read(const char *addr, uint32_t type, std::string *out = nullptr)
+    struct Read {
+        int rc;
+        std::string value;
+        std::string out;
+    };
+    // open, read, release as the reading loop does; rc -100 when open fails.
+    Read read(const char *addr, uint32_t type)
     {
         char v[NODE_VALUE_SIZE] = {};
         int r = -100;
@@ -120,9 +164,7 @@ protected:
                 dev_->driver->release(dev_);
             }
         });
-        if (out != nullptr)
-            *out = c.out;
-        return {r, v};
+        return {r, v, c.out};
     }
     TempDir dir_;
     sim::DvpSim plc_;
@@ -130,71 +172,105 @@ protected:
     serial_device *dev_ = nullptr;
 };
 
-TEST_F(DvpDriver, ReadsAndSurvivesEveryFault)
+TEST_F(DvpDriver, ReadsRegistersAndBits)
 {
-    using R = std::pair<int, std::string>;
-    plc_.set(0x1064, 65000);
-    plc_.set(0x040F, 1);
-    std::string out;
-    EXPECT_EQ(read("D100", 4, &out), R(0, "65000"));
-    EXPECT_NE(out.find(":0a031064"), std::string::npos) << "station 10 goes out as 0a";
-    EXPECT_NE(out.find("<D100> = 65000\n"), std::string::npos);
-    EXPECT_EQ(read("X17", 1), R(0, "1"));
-    EXPECT_EQ(read("D100", 1, &out).first, -1);
-    EXPECT_NE(out.find("get code err\n"), std::string::npos);
-
-    plc_.faults.exception = true;
-    EXPECT_EQ(read("D100", 4, &out).first, -1);
-    EXPECT_NE(out.find("delta respond err = 02\n"), std::string::npos);
-    plc_.faults.exception = false;
-    plc_.faults.silent = true;
-    EXPECT_EQ(read("D100", 4, &out).first, -1);
-    EXPECT_NE(out.find("select timeout\n"), std::string::npos);
-    plc_.faults.silent = false;
-    plc_.faults.bad_checksum = true;
-    EXPECT_EQ(read("D100", 4).first, -1);
-    plc_.faults.bad_checksum = false;
-    plc_.lower_case_lrc = true;
-    plc_.set(0x1064, 1); // its LRC is F0: the letter goes out in lower case
-    EXPECT_EQ(read("D100", 4).first, -1);
-    plc_.lower_case_lrc = false;
-    plc_.set(0x1064, 0xABCD);
-    plc_.faults.garbage = true;
-    EXPECT_NO_FATAL_FAILURE(read("D100", 4));
-    plc_.faults.garbage = false;
-    plc_.faults.split = true;
-    EXPECT_EQ(read("D100", 4), R(0, std::to_string(0xABCD))) << "pieces are joined up to the LF";
-    plc_.faults.split = false;
-    EXPECT_EQ(read("D100", 4), R(0, std::to_string(0xABCD)));
+    plc_.set_device("D100", 65000);
+    plc_.set_device("D4096", 7);
+    plc_.set_device("C5", 0xFFFF);
+    plc_.set_device("T3", 300);
+    plc_.set_device("X17", 1);
+    plc_.set_device("Y10", 1);
+    plc_.set_device("M1536", 1);
+    plc_.set_device("S2", 1);
+    struct Case {
+        const char *addr;
+        uint32_t type;
+        const char *value;
+    } cases[] = {
+        {"D100", 4, "65000"}, {"D4096", 4, "7"}, {"C5", 6, "65535"}, // U32 is one register
+        {"T3", 4, "300"},     {"X17", 1, "1"},  {"X16", 1, "0"},
+        {"Y10", 1, "1"},      {"M1536", 1, "1"}, {"S2", 1, "1"},
+    };
+    for (const Case &c : cases) {
+        const Read r = read(c.addr, c.type);
+        EXPECT_EQ(r.rc, 0) << c.addr << r.out;
+        EXPECT_EQ(r.value, c.value) << c.addr;
+    }
 }
 
-class DvpE2E : public DaemonTest {};
-
-TEST_F(DvpE2E, ValuesPublishedAndBackAfterSilence)
+TEST_F(DvpDriver, PrintsTheFrameTheAnswerAndTheValue)
 {
-    sim::DvpSim plc;
-    plc.set(0x1064, 77);
-    sim::SerialLine line(options_.tty2);
-    line.add_protocol(&plc);
-    line.start();
-    start_daemon();
-    NodesRecorder rec(conn());
-    ASSERT_EQ(call("SerialDeviceAdd", serial_args(5, 3, 201, "dvp", 1, 2, 9600, 7, 1, 1)).response, 0);
-    ASSERT_EQ(call("nodeTableAddMulti", node_array({{5, 1, "D100", 4, "level"}})).response, 0);
-    start_system_service(1);
-    auto wait_values = [&](const std::vector<std::string> &want) {
-        return wait_until(
-            [&] {
-                rec.wait_for_count(rec.count() + 1, 3s);
-                return rec.count() > 0 && cycle_values(rec.last()) == want;
-            },
-            20s, 1ms);
+    plc_.set_device("D100", 4660);
+    const Read r = read("d100", 4);
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\n"
+                     "uart open success : " + dir_.file("tty2") + "\n"
+                     "<delta_dvp32ec_read> called\n"
+                     ":0a03106400017E\r\n"
+                     ":0A03021234AB\r\n"
+                     "<D100> = 4660\n"
+                     "<delta_dvp32ec_release> called\n");
+}
+
+TEST_F(DvpDriver, RefusedCombinationsSendNothing)
+{
+    const size_t before = line_.requests();
+    for (auto [addr, type] : {std::pair<const char *, uint32_t>{"D100", 1}, {"M5", 4}, {"Q1", 1}}) {
+        const Read r = read(addr, type);
+        EXPECT_EQ(r.rc, -1) << addr;
+        EXPECT_NE(r.out.find("get code err\n"), std::string::npos) << addr;
+    }
+    EXPECT_EQ(line_.requests(), before);
+}
+
+TEST_F(DvpDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
+{
+    plc_.set_device("D100", 4660); // LRC AB: letters that a lower-case LRC changes
+    struct Fault {
+        std::atomic<bool> *flag;
+        const char *line; // what the driver prints, if anything
+    } faults[] = {
+        {&plc_.faults.silent, "select timeout\n"},
+        {&plc_.faults.nak, "delta respond err = 02\n"},
+        {&plc_.faults.exception, "delta respond err = 02\n"},
+        {&plc_.faults.bad_checksum, ""},
+        {&plc_.faults.garbage, ""},
+        {&plc_.lower_case_lrc, ""},
     };
-    ASSERT_TRUE(wait_values({"5/level=77"})) << daemon_->out();
-    plc.faults.silent = true;
-    ASSERT_TRUE(daemon_->wait_output("select timeout\n"));
-    EXPECT_TRUE(daemon_->wait_output("read_PLC_nodes_3:665 D100 = NULL\n"));
-    plc.set(0x1064, 78);
-    plc.faults.silent = false;
-    EXPECT_TRUE(wait_values({"5/level=78"}));
+    for (Fault &f : faults) {
+        *f.flag = true;
+        const Read bad = read("D100", 4);
+        *f.flag = false;
+        EXPECT_EQ(bad.rc, -1) << f.line << bad.out;
+        EXPECT_EQ(bad.out.find("<D100> = "), std::string::npos) << bad.out;
+        EXPECT_NE(bad.out.find(f.line), std::string::npos) << bad.out;
+        const Read good = read("D100", 4);
+        EXPECT_EQ(good.rc, 0) << f.line << good.out;
+        EXPECT_EQ(good.value, "4660") << f.line;
+    }
+}
+
+TEST_F(DvpDriver, AnswerInPiecesIsJoined)
+{
+    plc_.set_device("D100", 0xABCD);
+    plc_.faults.split = true;
+    const Read r = read("D100", 4);
+    EXPECT_EQ(r.rc, 0) << r.out;
+    EXPECT_EQ(r.value, "43981");
+}
+
+TEST_F(DvpDriver, OtherStationsAndPortsStaySilent)
+{
+    dev_->station_num = 11; // the PLC is station 10
+    Read r = read("D100", 4);
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_NE(r.out.find("select timeout\n"), std::string::npos);
+    dev_->serial_number = 0;
+    r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\nserial_number err\n");
+    dev_->serial_number = 1; // a path where nothing is
+    r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\nopen error : " + dir_.file("absent") + "\n");
 }

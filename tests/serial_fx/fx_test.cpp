@@ -1,6 +1,5 @@
-// FX programming port: request frames and answer decoding as bytes, the
-// two FX drivers against the simulated PLC on a pseudo-terminal, and the
-// daemon reading it end to end.
+// FX programming port: request frames and answer decoding as bytes, and the
+// two FX drivers against the simulated PLC on a pseudo-terminal.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,75 +9,156 @@
 #include "device/plc/plc_serial.h"
 #include "service/runtime.h"
 #include "sim/fx_sim.h"
-#include "support/config_calls.h"
-#include "support/daemon_fixture.h"
+#include "support/test_util.h"
 
 using namespace dstest;
 
 namespace {
 
-std::string frame_text(const char *addr, int *rc = nullptr)
+struct Request {
+    int rc;
+    std::string frame;
+    unsigned bit;
+};
+
+Request request(const char *addr)
 {
     uint8_t f[FX_REQUEST_SIZE];
-    uint8_t bit = 0;
-    const int r = fx_build_request(addr, f, &bit);
-    if (rc != nullptr)
-        *rc = r;
-    return r == 0 ? std::string(reinterpret_cast<char *>(f), sizeof f) : "";
+    uint8_t bit = 0xEE;
+    const int rc = fx_build_request(addr, f, &bit);
+    return {rc, rc == 0 ? std::string(reinterpret_cast<char *>(f), sizeof f) : "", bit};
 }
 
+// Decodes STX + data (+ ETX and a sum when `whole`) into a 32-byte value
+// buffer followed by a guard, which must stay untouched.
 std::string decode(const std::string &data, uint32_t type, bool fx3u = false, uint8_t bit = 0,
                    bool whole = true)
 {
     const std::string answer = "\x02" + data + (whole ? "\x03" "00" : "");
-    char v[NODE_VALUE_SIZE] = {};
-    if (fx_decode_answer(reinterpret_cast<const uint8_t *>(answer.data()), answer.size(), type,
-                         fx3u, bit, v, sizeof v) != 0)
+    struct {
+        char value[NODE_VALUE_SIZE];
+        char guard[8];
+    } out;
+    memset(&out, '#', sizeof out);
+    const int rc = fx_decode_answer(reinterpret_cast<const uint8_t *>(answer.data()), answer.size(),
+                                    type, fx3u, bit, out.value, sizeof out.value);
+    EXPECT_EQ(std::string(out.guard, sizeof out.guard), std::string(8, '#'));
+    if (rc != 0)
         return "<fail>";
-    return v;
+    EXPECT_NE(memchr(out.value, '\0', sizeof out.value), nullptr);
+    return out.value;
 }
 
 } // namespace
 
-TEST(FxCodec, RequestFrames)
+TEST(FxCodec, D100WordReadIsByteExact)
 {
-    // STX "0" "10C8" "04" ETX, then the sum of "0" to ETX.
-    unsigned sum = 0;
-    for (char c : std::string("010C804\x03"))
-        sum += static_cast<unsigned char>(c);
-    char s[3];
-    snprintf(s, sizeof s, "%02X", sum & 0xFF);
-    EXPECT_EQ(frame_text("D100"), std::string("\x02" "010C804\x03") + s);
-    EXPECT_EQ(frame_text("X367").substr(2, 4), "00A4");
-    EXPECT_EQ(frame_text("X17").substr(2, 6), "008102") << "X17 is byte 1 bit 7, not octal";
-    EXPECT_EQ(frame_text("m8511").substr(2, 4), "0527");
-    EXPECT_EQ(frame_text("C10").substr(2, 4), "01C1");
-    int rc = 0;
-    for (const char *bad : {"X18", "X370", "M8512", "S4096", "T512", "D8512"}) {
-        frame_text(bad, &rc);
-        EXPECT_EQ(rc, -2) << bad;
-    }
-    frame_text("Z1", &rc);
-    EXPECT_EQ(rc, -1);
-    frame_text("", &rc);
-    EXPECT_EQ(rc, -1);
+    // Sum of "0", "10C8", "04" and ETX: 0x173, sent as its low byte.
+    EXPECT_EQ(request("D100").frame, std::string("\x02" "010C804" "\x03" "73", 11));
 }
 
-TEST(FxCodec, AnswerDecoding)
+TEST(FxCodec, AddressesOfEveryArea)
 {
-    EXPECT_EQ(decode("3412", 4), "4660");
-    EXPECT_EQ(decode("3a12", 4), "4656") << "lower-case hex reads as 0";
-    EXPECT_EQ(decode("FEFF", 5), "-2");
-    EXPECT_EQ(decode("FF00", 3), "255") << "S8 stays unsigned";
-    EXPECT_EQ(decode("80", 1, false, 7), "1");
-    EXPECT_EQ(decode("80", 1, false, 6), "0");
-    EXPECT_EQ(decode("78563412", 6), std::to_string(0x56781234));
-    EXPECT_EQ(decode("78563412", 12), "0x56781234");
-    EXPECT_EQ(decode("0000803F", 10, true), "1.000000");
-    EXPECT_EQ(decode("0000803F", 10, false), "unkown type");
-    EXPECT_EQ(decode("1234", 8), "unkown type");
-    EXPECT_EQ(decode("34", 4, false, 0, false), "<fail>") << "never decodes past what arrived";
-    EXPECT_EQ(decode("", 1, false, 0, false), "<fail>");
+    struct Case {
+        const char *addr;
+        const char *address_and_count;
+        unsigned bit;
+    } cases[] = {
+        {"X0", "008002", 0},   {"X17", "008102", 7},  {"X100", "008A02", 0}, // decimal byte number, not octal
+        {"X367", "00A402", 7}, {"Y7", "00A002", 7},   {"Y365", "00C402", 5},
+        {"M0", "010002", 0},   {"m8511", "052702", 7}, {"S4095", "01FF02", 7},
+        {"T0", "00C002", 0},   {"T511", "00FF02", 7}, {"C10", "01C102", 2},
+        {"d0", "100004", 0},   {"D8511", "527E04", 0},
+    };
+    for (const Case &c : cases) {
+        const Request r = request(c.addr);
+        ASSERT_EQ(r.rc, 0) << c.addr;
+        EXPECT_EQ(r.frame.substr(2, 6), c.address_and_count) << c.addr;
+        if (c.addr[0] != 'd' && c.addr[0] != 'D') {
+            EXPECT_EQ(r.bit, c.bit) << c.addr;
+        }
+        unsigned sum = 0;
+        for (size_t i = 1; i <= 8; ++i)
+            sum += static_cast<unsigned char>(r.frame[i]);
+        char s[3];
+        snprintf(s, sizeof s, "%02X", sum & 0xFF);
+        EXPECT_EQ(r.frame.substr(9), s) << c.addr;
+    }
+}
+
+TEST(FxCodec, AddressesRefused)
+{
+    // -2: a number outside its area (X/Y last digit 8 or 9, byte 37 and up).
+    for (const char *bad : {"X18", "X19", "X370", "Y18", "M8512", "S4096", "T512", "C512", "D8512",
+                            "D4294967396", "D99999999999999"})
+        EXPECT_EQ(request(bad).rc, -2) << bad;
+    // -1: no area letter.
+    for (const char *bad : {"Z1", "", "100", "W0"})
+        EXPECT_EQ(request(bad).rc, -1) << bad;
+}
+
+TEST(FxCodec, DecodingPerDataType)
+{
+    struct Case {
+        const char *data;
+        uint32_t type;
+        uint8_t bit;
+        const char *fx1n;
+        const char *fx3u;
+    } cases[] = {
+        {"80", 1, 7, "1", "1"},
+        {"80", 1, 6, "0", "0"},
+        {"FF", 2, 0, "255", "255"},
+        {"FF", 3, 0, "255", "255"}, // S8 is not sign-extended
+        {"3412", 4, 0, "4660", "4660"},
+        {"3a12", 4, 0, "4656", "4656"}, // lower-case hex letters read as 0
+        {"FFFF", 4, 0, "65535", "65535"},
+        {"FEFF", 5, 0, "-2", "-2"},
+        {"78563412", 6, 0, "1450709556", "1450709556"}, // 0x56781234: first register high
+        {"00800000", 6, 0, "-2147483648", "-2147483648"}, // U32 prints signed
+        {"FFFFFFFF", 7, 0, "-1", "-1"},
+        {"0000803F", 10, 0, "unkown type", "1.000000"},
+        {"0000C0BF", 10, 0, "unkown type", "-1.500000"},
+        {"3412", 11, 0, "0x1234", "0x1234"},
+        {"78563412", 12, 0, "0x56781234", "0x56781234"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(decode(c.data, c.type, false, c.bit), c.fx1n) << c.data << " type " << c.type;
+        EXPECT_EQ(decode(c.data, c.type, true, c.bit), c.fx3u) << c.data << " type " << c.type;
+    }
+    for (uint32_t type : {8u, 9u, 13u, 14u, 15u, 0u, 99u})
+        EXPECT_EQ(decode("12345678", type, true), "unkown type") << type;
+}
+
+TEST(FxCodec, ShortAnswersAndTheValueBound)
+{
+    // One character short of what each type needs: a failure, never a read
+    // past the answer (the answer buffer is exactly what arrived).
+    EXPECT_EQ(decode("8", 1, false, 0, false), "<fail>");
+    EXPECT_EQ(decode("341", 4, false, 0, false), "<fail>");
+    EXPECT_EQ(decode("7856341", 6, false, 0, false), "<fail>");
+    EXPECT_EQ(decode("0000803", 10, true, 0, false), "<fail>");
+    EXPECT_EQ(decode("", 2, false, 0, false), "<fail>");
+    uint8_t nothing = 0;
+    char v[NODE_VALUE_SIZE] = {};
+    EXPECT_EQ(fx_decode_answer(&nothing, 0, 4, false, 0, v, sizeof v), -1);
+    // The largest float prints 46 characters: cut to the value buffer.
+    const std::string big = decode("FFFF7F7F", 10, true);
+    EXPECT_EQ(big.size(), NODE_VALUE_SIZE - 1);
+    EXPECT_EQ(big.substr(0, 10), "3402823466");
+}
+
+TEST(FxCodec, AnswerCompleteness)
+{
+    auto complete = [](const std::string &s) {
+        return fx_answer_complete(reinterpret_cast<const uint8_t *>(s.data()), s.size());
+    };
+    EXPECT_TRUE(complete("\x02" "3412" "\x03" "C7"));
+    EXPECT_TRUE(complete("\x02" "\x03" "00"));
+    EXPECT_FALSE(complete("\x02" "3412" "\x03" "C"));
+    EXPECT_FALSE(complete("\x02" "3412"));
+    EXPECT_FALSE(complete("3412" "\x03" "C7"));
+    EXPECT_FALSE(complete(""));
 }
 
 class FxDriver : public ::testing::Test {
@@ -87,22 +167,33 @@ protected:
     {
         service_paths p;
         p.serial_port_1 = dir_.file("tty1");
+        p.serial_port_2 = dir_.file("absent");
         set_runtime_paths(p);
         capture_output([] { init_driver(); });
         line_.add_protocol(&plc_);
         line_.start();
-        dev_ = serial_device_create(1, "fx", 0, 1, 101, 0, 1, 0, 9600, 7, 1, 1);
-        plc_device probe;
-        probe.dev_mfg = 1;
-        probe.dev_type = 101;
-        dev_->driver = device_driver_match(&probe);
+        use_model(DEV_TYPE_FX_3U);
     }
     ~FxDriver() override
     {
         line_.stop();
         serial_device_free(dev_);
+        capture_output([] { deinit_driver(); });
     }
-    std::pair<int, std::string> read(const char *addr, uint32_t type, std::string *out = nullptr)
+    void use_model(uint32_t type)
+    {
+        serial_device_free(dev_);
+        dev_ = serial_device_create(1, "fx", 0, 1, type, 0, 1, 0, 9600, 7, 1, 1);
+        capture_output([this] { dev_->driver = device_driver_match(dev_); });
+        ASSERT_NE(dev_->driver, nullptr);
+    }
+    struct Read {
+        int rc;
+        std::string value;
+        std::string out;
+    };
+    // open, read, release as the reading loop does; rc -100 when open fails.
+    Read read(const char *addr, uint32_t type)
     {
         char v[NODE_VALUE_SIZE] = {};
         int r = -100;
@@ -112,9 +203,7 @@ protected:
                 dev_->driver->release(dev_);
             }
         });
-        if (out != nullptr)
-            *out = c.out;
-        return {r, v};
+        return {r, v, c.out};
     }
     TempDir dir_;
     sim::FxSim plc_;
@@ -122,81 +211,101 @@ protected:
     serial_device *dev_ = nullptr;
 };
 
-TEST_F(FxDriver, ReadsAndSurvivesEveryFault)
+TEST_F(FxDriver, ReadsEveryArea)
 {
-    using R = std::pair<int, std::string>;
     plc_.set_register(100, 4660);
+    plc_.set_register(10, 0x1234); // U32 over D10/D11: D10 is the high half
+    plc_.set_register(11, 0x5678);
+    plc_.set_register(20, 0x0000); // 1.5f: D20 the low half, D21 the high half
+    plc_.set_register(21, 0x3FC0);
+    plc_.set_register(30, 0xFFFE);
+    for (const char *on : {"X17", "Y5", "M8", "S100", "T7", "C200"})
+        plc_.set_bit(on, true);
+    struct Case {
+        const char *addr;
+        uint32_t type;
+        const char *value;
+    } cases[] = {
+        {"D100", 4, "4660"},  {"D10", 6, "305419896"}, {"D10", 12, "0x12345678"},
+        {"D20", 10, "1.500000"}, {"D30", 5, "-2"},     {"D30", 11, "0xfffe"},
+        {"X17", 1, "1"},      {"X16", 1, "0"},         {"Y5", 1, "1"},
+        {"M8", 1, "1"},       {"m9", 1, "0"},          {"S100", 1, "1"},
+        {"T7", 1, "1"},       {"C200", 1, "1"},        {"D100", 9, "unkown type"},
+    };
+    for (const Case &c : cases) {
+        const Read r = read(c.addr, c.type);
+        EXPECT_EQ(r.rc, 0) << c.addr << r.out;
+        EXPECT_EQ(r.value, c.value) << c.addr << " type " << c.type;
+    }
+}
+
+TEST_F(FxDriver, Fx1nHasNoFloat)
+{
+    use_model(DEV_TYPE_FX_1N);
+    plc_.set_register(20, 0x0000);
+    plc_.set_register(21, 0x3FC0);
+    const Read r = read("D20", 10);
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.value, "unkown type");
+    EXPECT_EQ(read("D21", 4).value, "16320");
+}
+
+TEST_F(FxDriver, BadAddressesAreReadErrors)
+{
+    const size_t before = line_.requests();
+    for (const char *bad : {"X18", "Q1", "D8512"}) {
+        const Read r = read(bad, 1);
+        EXPECT_EQ(r.rc, -1) << bad;
+        EXPECT_EQ(r.value, "read error") << bad;
+    }
+    EXPECT_EQ(line_.requests(), before) << "nothing goes out for a bad address";
+}
+
+TEST_F(FxDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
+{
+    plc_.set_register(100, 4660);
+    struct Fault {
+        std::atomic<bool> *flag;
+        const char *line; // what the driver prints, if anything
+    } faults[] = {
+        {&plc_.faults.silent, "timeout1\n"},
+        {&plc_.faults.nak, "cmd error\n"},
+        {&plc_.faults.exception, "cmd error\n"},
+        {&plc_.faults.garbage, ""},
+    };
+    for (Fault &f : faults) {
+        *f.flag = true;
+        const Read bad = read("D100", 4);
+        *f.flag = false;
+        EXPECT_EQ(bad.rc, -1) << f.line << bad.out;
+        EXPECT_EQ(bad.value, "read error") << f.line;
+        EXPECT_NE(bad.out.find(f.line), std::string::npos) << bad.out;
+        const Read good = read("D100", 4);
+        EXPECT_EQ(good.rc, 0) << f.line << good.out;
+        EXPECT_EQ(good.value, "4660") << f.line;
+    }
+}
+
+TEST_F(FxDriver, AnswerSumIsNotCheckedAndPiecesAreJoined)
+{
     plc_.set_register(10, 0x1234);
     plc_.set_register(11, 0x5678);
-    plc_.set_bit("X17", true);
-    plc_.set_bit("M8", true);
-    EXPECT_EQ(read("D100", 4), R(0, "4660"));
-    EXPECT_EQ(read("D10", 6), R(0, std::to_string(0x12345678)));
-    EXPECT_EQ(read("X17", 1), R(0, "1"));
-    EXPECT_EQ(read("X16", 1), R(0, "0"));
-    EXPECT_EQ(read("M8", 1), R(0, "1"));
-    EXPECT_EQ(read("D100", 9), R(0, "unkown type"));
-    EXPECT_EQ(read("X18", 1), R(-1, "read error"));
-
-    std::string out;
-    plc_.faults.nak = true;
-    EXPECT_EQ(read("D100", 4, &out), R(-1, "read error"));
-    EXPECT_NE(out.find("cmd error\n"), std::string::npos);
-    plc_.faults.nak = false;
-    plc_.faults.silent = true;
-    EXPECT_EQ(read("D100", 4, &out), R(-1, "read error"));
-    EXPECT_NE(out.find("timeout1\n"), std::string::npos);
-    plc_.faults.silent = false;
-    plc_.faults.garbage = true;
-    EXPECT_NO_FATAL_FAILURE(read("D100", 4));
-    plc_.faults.garbage = false;
     plc_.faults.bad_checksum = true;
-    EXPECT_EQ(read("D100", 4), R(0, "4660")) << "the answer's sum is not checked";
+    EXPECT_EQ(read("D10", 6).value, "305419896");
     plc_.faults.bad_checksum = false;
-    EXPECT_EQ(read("D100", 4), R(0, "4660")) << "and the next read is fine again";
+    plc_.faults.split = true;
+    EXPECT_EQ(read("D10", 6).value, "305419896");
+    EXPECT_EQ(read("D10", 6).value, "305419896");
 }
 
-TEST_F(FxDriver, OpenNeedsAKnownPort)
+TEST_F(FxDriver, OpenNeedsAKnownPortThatExists)
 {
     dev_->serial_number = 3;
-    std::string out;
-    EXPECT_EQ(read("D100", 4, &out).first, -100);
-    EXPECT_EQ(out, "serial_number err\n");
-}
-
-class FxE2E : public DaemonTest {};
-
-TEST_F(FxE2E, ValuesPublishedAndBackAfterSilence)
-{
-    sim::FxSim plc;
-    plc.set_register(100, 321);
-    plc.set_bit("M8", true);
-    sim::SerialLine line(options_.tty1);
-    line.add_protocol(&plc);
-    line.start();
-    start_daemon();
-    NodesRecorder rec(conn());
-    ASSERT_EQ(call("SerialDeviceAdd", serial_args(1, 1, 102, "fx1n", 0, 1, 9600, 7, 1, 1)).response, 0);
-    ASSERT_EQ(call("SerialDeviceAdd", serial_args(2, 1, 101, "fx3u", 0, 1, 9600, 7, 1, 1)).response, 0);
-    ASSERT_EQ(call("nodeTableAddMulti", node_array({{1, 1, "D100", 4, "d"}, {1, 2, "M8", 1, "m"},
-                                                    {2, 3, "D100", 11, "h"}}))
-                  .response,
-              0);
-    start_system_service(1);
-    auto wait_values = [&](const std::vector<std::string> &want) {
-        return wait_until(
-            [&] {
-                rec.wait_for_count(rec.count() + 1, 3s);
-                return rec.count() > 0 && cycle_values(rec.last()) == want;
-            },
-            20s, 1ms);
-    };
-    ASSERT_TRUE(wait_values({"1/d=321", "1/m=1", "2/h=0x141"})) << daemon_->out();
-    plc.faults.silent = true;
-    ASSERT_TRUE(daemon_->wait_output("timeout1\n"));
-    EXPECT_TRUE(daemon_->wait_output("read_PLC_nodes_3:665 D100 = NULL\n"));
-    ASSERT_TRUE(wait_values({}));
-    plc.set_register(100, 123);
-    plc.faults.silent = false;
-    EXPECT_TRUE(wait_values({"1/d=123", "1/m=1", "2/h=0x7b"}));
+    Read r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "serial_number err\n");
+    dev_->serial_number = 2; // configured at a path where nothing is
+    r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "open error\n");
 }
