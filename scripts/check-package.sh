@@ -30,8 +30,13 @@ if dpkg -s device-service >/dev/null 2>&1; then
 fi
 dpkg -i "$deb" >/dev/null
 problems=""
-/usr/bin/device-service-ctl --help | grep -q '^usage: device-service-ctl' || problems+=" client;"
-if ldd /usr/bin/device-service | grep -q 'not found'; then problems+=" missing library;"; fi
+# Outputs are taken whole before they are searched: with pipefail, a grep -q
+# that stops at the first match would fail the pipeline when the writer is
+# still writing (SIGPIPE).
+usage=$(/usr/bin/device-service-ctl --help 2>&1) || problems+=" client exits $?;"
+grep -q '^usage: device-service-ctl' <<<"$usage" || problems+=" client;"
+libs=$(ldd /usr/bin/device-service /usr/bin/device-service-ctl 2>&1) || problems+=" ldd;"
+if grep -q 'not found' <<<"$libs"; then problems+=" missing library;"; fi
 if command -v systemd-analyze >/dev/null; then
   rt=$(mktemp -d)
   v=$(XDG_RUNTIME_DIR=$rt systemd-analyze --user verify \
