@@ -1,12 +1,9 @@
 #include "sim/mc_3e_sim.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <vector>
+#include <chrono>
+#include <thread>
 
 namespace sim {
 
@@ -21,10 +18,30 @@ void Mc3eSim::set(uint8_t code, uint32_t head, uint16_t value)
     memory_[{code, head}] = value;
 }
 
+void Mc3eSim::send_unsolicited(const std::vector<uint8_t> &bytes)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    unsolicited_.insert(unsolicited_.end(), bytes.begin(), bytes.end());
+}
+
+bool Mc3eSim::unsolicited_pending()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return !unsolicited_.empty();
+}
+
 void Mc3eSim::serve(int fd)
 {
+    ++connections_;
     std::vector<uint8_t> buf;
     while (running()) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!unsolicited_.empty()) {
+                send(fd, unsolicited_.data(), unsolicited_.size(), MSG_NOSIGNAL);
+                unsolicited_.clear();
+            }
+        }
         if (!readable(fd))
             continue;
         uint8_t chunk[256];
@@ -69,9 +86,9 @@ void Mc3eSim::serve(int fd)
                     }
                 }
             }
-            uint16_t dlen = static_cast<uint16_t>(data.size() + 2);
-            if (faults.wrong_length)
-                dlen = static_cast<uint16_t>(dlen + 2);
+            if (faults.wrong_length) // one word more than asked for, and said so
+                data.insert(data.end(), {0x00, 0x00});
+            const uint16_t dlen = static_cast<uint16_t>(data.size() + 2);
             a.push_back(static_cast<uint8_t>(dlen));
             a.push_back(static_cast<uint8_t>(dlen >> 8));
             a.push_back(static_cast<uint8_t>(end_code));
@@ -80,6 +97,12 @@ void Mc3eSim::serve(int fd)
             if (faults.garbage)
                 for (auto &b : a)
                     b = static_cast<uint8_t>(b ^ 0x5A);
+            if (faults.split) {
+                send(fd, a.data(), 5, MSG_NOSIGNAL);
+                std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                send(fd, a.data() + 5, a.size() - 5, MSG_NOSIGNAL);
+                continue;
+            }
             const size_t out = faults.half_frame ? a.size() / 2 : a.size();
             send(fd, a.data(), out, MSG_NOSIGNAL);
         }

@@ -1,11 +1,5 @@
 #include "sim/modbus_tcp_sim.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace sim {
 
 ModbusTcpSim::ModbusTcpSim()
@@ -48,7 +42,9 @@ void ModbusTcpSim::serve(int fd)
         const int rc = modbus_receive(ctx, query);
         if (rc == -1)
             break; // the client went away
-        if (rc > 0) {
+        if (rc > 0 && faults.close_conn)
+            break;
+        if (rc > 0 && !faults.silent) {
             std::lock_guard<std::mutex> lock(mutex_);
             modbus_reply(ctx, query, rc, map_);
         }

@@ -2,6 +2,7 @@
 // side, on loopback, with settable coils, discrete inputs and registers.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -21,6 +22,12 @@ public:
     void set_coil(int address, bool on);
     void set_input(int address, bool on);
     void set_register(int address, uint16_t value);
+
+    struct Faults {
+        std::atomic<bool> silent{false};     // take requests, answer nothing
+        std::atomic<bool> close_conn{false}; // close the connection instead of answering
+    };
+    Faults faults;
 
 private:
     void serve(int fd) override;

@@ -32,6 +32,27 @@ uint16_t get16(const uint8_t *p)
     return static_cast<uint16_t>(p[0] | (p[1] << 8));
 }
 
+void print_rows(const uint8_t *bytes, size_t count, bool hex)
+{
+    for (size_t i = 0; i < count; ++i) {
+        if (hex)
+            g_print("%02x ", bytes[i]);
+        else
+            g_print("%c", bytes[i]);
+        if ((i + 1) % 10 == 0)
+            g_print("\n");
+    }
+    if (count % 10 != 0)
+        g_print("\n");
+}
+
+// The Q serial codec has its own; each codec stands alone.
+void upper_string(char *text)
+{
+    for (; *text != '\0'; ++text)
+        *text = g_ascii_toupper(*text);
+}
+
 } // namespace
 
 void init_MC_bulk_read_msg(MC_bulk_read_msg *msg)
@@ -111,8 +132,7 @@ int analyze_soft_component(int kind, const char *address, uint8_t *code, uint32_
     }
     if (letters[1] == '\0')
         letters[1] = '*';
-    for (char &c : letters)
-        c = g_ascii_toupper(c);
+    upper_string(letters);
     if ((letters[0] == 'T' || letters[0] == 'C') && letters[1] == '*')
         letters[1] = kind == 1 ? 'N' : 'S';
     if (transform_soft_component_code_ascii_to_hex(letters, code) != 0)
@@ -155,22 +175,43 @@ int build_MC_bulk_read_msg(MC_bulk_read_msg *msg, int kind, uint8_t code, uint32
     return 0;
 }
 
-int build_MC_bulk_read_bit_msg_2(MC_bulk_read_msg *msg, const char *address)
+int build_MC_bulk_read_bit_msg(MC_bulk_read_msg *msg, uint8_t code, uint32_t head, uint16_t points)
+{
+    return build_MC_bulk_read_msg(msg, 0, code, head, points);
+}
+
+int build_MC_bulk_read_word_msg(MC_bulk_read_msg *msg, uint8_t code, uint32_t head, uint16_t points)
+{
+    return build_MC_bulk_read_msg(msg, 1, code, head, points);
+}
+
+int build_MC_bulk_read_msg_1(MC_bulk_read_msg *msg, int kind, const char *address, uint16_t points)
 {
     uint8_t code = 0;
     uint32_t head = 0;
-    if (analyze_soft_component(0, address, &code, &head) != 0)
+    if (analyze_soft_component(kind, address, &code, &head) != 0)
         return -1;
-    return build_MC_bulk_read_msg(msg, 0, code, head, 1);
+    return build_MC_bulk_read_msg(msg, kind, code, head, points);
+}
+
+int build_MC_bulk_read_bit_msg_1(MC_bulk_read_msg *msg, const char *address, uint16_t points)
+{
+    return build_MC_bulk_read_msg_1(msg, 0, address, points);
+}
+
+int build_MC_bulk_read_word_msg_1(MC_bulk_read_msg *msg, const char *address, uint16_t points)
+{
+    return build_MC_bulk_read_msg_1(msg, 1, address, points);
+}
+
+int build_MC_bulk_read_bit_msg_2(MC_bulk_read_msg *msg, const char *address)
+{
+    return build_MC_bulk_read_msg_1(msg, 0, address, 1);
 }
 
 int build_MC_bulk_read_word_msg_2(MC_bulk_read_msg *msg, const char *address)
 {
-    uint8_t code = 0;
-    uint32_t head = 0;
-    if (analyze_soft_component(1, address, &code, &head) != 0)
-        return -1;
-    return build_MC_bulk_read_msg(msg, 1, code, head, 1);
+    return build_MC_bulk_read_msg_1(msg, 1, address, 1);
 }
 
 int output_hex_MC_bulk_read_msg(const MC_bulk_read_msg *msg, uint8_t *b, size_t size)
@@ -196,13 +237,14 @@ int output_hex_MC_bulk_read_msg(const MC_bulk_read_msg *msg, uint8_t *b, size_t 
 
 int output_ascii_MC_bulk_read_msg(const MC_bulk_read_msg *msg, char *buffer, size_t size)
 {
-    if (size < MC_REQUEST_ASCII_LEN + 1) {
+    if (buffer == nullptr || size < MC_REQUEST_ASCII_LEN) {
         MC_LOG("output_len > output_size [ascii]\n");
         return -1;
     }
     // Lower-case hex digits, head number and points in decimal: as the
     // gateway has always sent them.
-    const int n = snprintf(buffer, size, "%02x%02x%02x%02x%04x%02x%04x%04x%04x%04x%s%06u%04u",
+    char text[64];
+    const int n = snprintf(text, sizeof text, "%02x%02x%02x%02x%04x%02x%04x%04x%04x%04x%s%06u%04u",
                            msg->request_subheader & 0xFF, msg->request_subheader >> 8,
                            msg->net_num, msg->plc_num, msg->module_io_num, msg->module_station_num,
                            msg->request_ascii_len, msg->monitor_timer, msg->command,
@@ -211,7 +253,36 @@ int output_ascii_MC_bulk_read_msg(const MC_bulk_read_msg *msg, char *buffer, siz
         MC_LOG("output len != output_len [ascii]\n");
         return -1;
     }
+    memcpy(buffer, text, MC_REQUEST_ASCII_LEN);
+    if (size > MC_REQUEST_ASCII_LEN)
+        buffer[MC_REQUEST_ASCII_LEN] = '\0';
     return n;
+}
+
+void print_hex(const uint8_t *bytes, size_t count)
+{
+    print_rows(bytes, count, true);
+}
+
+void print_char(const char *chars, size_t count)
+{
+    print_rows(reinterpret_cast<const uint8_t *>(chars), count, false);
+}
+
+void print_hex_MC_bulk_read_msg(const MC_bulk_read_msg *msg)
+{
+    uint8_t frame[1024];
+    const int n = output_hex_MC_bulk_read_msg(msg, frame, sizeof frame);
+    if (n > 0)
+        print_hex(frame, static_cast<size_t>(n));
+}
+
+void print_ascii_MC_bulk_read_msg(const MC_bulk_read_msg *msg)
+{
+    char frame[1024];
+    const int n = output_ascii_MC_bulk_read_msg(msg, frame, sizeof frame);
+    if (n > 0)
+        print_char(frame, static_cast<size_t>(n));
 }
 
 int analyze_MC_response(const uint8_t *r, size_t length, MC_bulk_read_msg *msg)
@@ -244,13 +315,14 @@ int analyze_MC_response(const uint8_t *r, size_t length, MC_bulk_read_msg *msg)
     }
     msg->response_hex_len = get16(r + 7);
     msg->end_code = get16(r + 9);
-    if (static_cast<size_t>(msg->response_hex_len) + 9 > length) {
+    if (MC_response_claimed_size(r, length) > length) {
         MC_LOG("response shorter than its header claims\n");
         return -1;
     }
     if (msg->end_code == 0) {
         g_print("respond success : respond code = 0x%04x\n", msg->end_code);
-        if (msg->response_hex_len != msg->expect_response_hex_len) {
+        // Under 2 there is not even the end code the length counts.
+        if (msg->response_hex_len != msg->expect_response_hex_len || msg->response_hex_len < 2) {
             MC_LOG("response_hex_len(%d) != expect(%d)\n", msg->response_hex_len,
                    msg->expect_response_hex_len);
             return -1;
@@ -282,16 +354,36 @@ int analyze_MC_response(const uint8_t *r, size_t length, MC_bulk_read_msg *msg)
     return -1;
 }
 
+size_t MC_response_claimed_size(const uint8_t *response, size_t length)
+{
+    if (response == nullptr || length < 9)
+        return 0;
+    return 9 + static_cast<size_t>(get16(response + 7));
+}
+
 char get_bit_soft_component_value(const MC_bulk_read_msg *msg)
 {
-    // The first point is the high nibble of the first data byte.
-    const unsigned nibble = msg->response_data_len > 0 ? (msg->response_data[0] >> 4) & 0xF : 0;
-    return static_cast<char>(nibble < 10 ? '0' + nibble : 'a' + nibble - 10);
+    // Two points per byte, the first in the high nibble.
+    char first = '0';
+    if (msg->response_data != nullptr && msg->response_data_len > 0)
+        BCD_to_ascii(msg->response_data, 1, &first, 1);
+    return first;
 }
 
 int16_t get_word_soft_component_value(const MC_bulk_read_msg *msg)
 {
-    if (msg->response_data_len < 2)
+    if (msg->response_data == nullptr || msg->response_data_len < 2)
         return 0;
     return static_cast<int16_t>(get16(msg->response_data));
+}
+
+void BCD_to_ascii(const uint8_t *bytes, size_t count, char *out, size_t out_size)
+{
+    static const char digits[] = "0123456789abcdef";
+    size_t pos = 0;
+    for (size_t i = 0; i < count && pos < out_size; ++i) {
+        out[pos++] = digits[bytes[i] >> 4];
+        if (pos < out_size)
+            out[pos++] = digits[bytes[i] & 0xF];
+    }
 }

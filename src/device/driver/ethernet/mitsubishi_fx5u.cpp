@@ -133,6 +133,9 @@ int mitsubishi_fx5u_read(plc_device *, const char *addr, uint32_t data_type, cha
         put(value, "read error");
         return -1;
     }
+    // An answer that came after its read gave up would be taken for the
+    // answer to this one, and so on down the device's nodes.
+    modbus_flush(priv->ctx);
     return modbus_read(priv->ctx, addr, data_type, value) >= 0 ? 0 : -1;
 }
 

@@ -1,6 +1,7 @@
 // Mitsubishi Q/QnA over TCP with MC protocol 3E binary frames, one point
 // per request.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -24,18 +25,10 @@ struct qna3e_priv {
 };
 
 constexpr int ANSWER_WAIT_MS = 1000;
+// A lost route leaves a blocking connect waiting for minutes; a PLC that
+// does not take the connection within this costs only the device's cycle.
+constexpr int CONNECT_WAIT_MS = 3000;
 constexpr size_t BUF_SIZE = 1024;
-
-void print_hex(const uint8_t *b, size_t n)
-{
-    for (size_t i = 0; i < n; ++i) {
-        g_print("%02x ", b[i]);
-        if ((i + 1) % 10 == 0)
-            g_print("\n");
-    }
-    if (n % 10 != 0)
-        g_print("\n");
-}
 
 void close_socket(qna3e_priv *priv)
 {
@@ -44,12 +37,59 @@ void close_socket(qna3e_priv *priv)
     priv->fd = -1;
 }
 
+// One recv for the operation `func`; an error or the peer's close is logged
+// and closes the socket, so that the next open connects anew. The bytes
+// received, or -1.
+ssize_t recv_or_close(qna3e_priv *priv, uint8_t *buf, size_t size, const char *func)
+{
+    const ssize_t n = recv(priv->fd, buf, size, 0);
+    if (n < 0)
+        g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d recv:%s\n", func, __LINE__, strerror(errno));
+    else if (n == 0)
+        g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d recv = 0\n", func, __LINE__);
+    if (n <= 0) {
+        close_socket(priv);
+        return -1;
+    }
+    return n;
+}
+
 // 1 readable, 0 time-out, -1 error (errno set).
 int wait_readable(int fd, int timeout_ms)
 {
     pollfd p{fd, POLLIN, 0};
     const int r = poll(&p, 1, timeout_ms);
     return r < 0 ? -1 : (r == 0 ? 0 : 1);
+}
+
+// connect() bounded by CONNECT_WAIT_MS; the socket is blocking again after.
+int connect_bounded(int fd, const sockaddr_in &a)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    int r = connect(fd, reinterpret_cast<const sockaddr *>(&a), sizeof a);
+    if (r != 0 && errno == EINPROGRESS) {
+        pollfd p{fd, POLLOUT, 0};
+        const int n = poll(&p, 1, CONNECT_WAIT_MS);
+        int err = n == 0 ? ETIMEDOUT : errno;
+        if (n > 0) {
+            socklen_t len = sizeof err;
+            if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
+                err = errno;
+        }
+        r = err == 0 ? 0 : -1;
+        errno = err;
+    }
+    const int saved = errno;
+    fcntl(fd, F_SETFL, flags);
+    errno = saved;
+    return r;
+}
+
+int64_t ms_left(int64_t deadline_us)
+{
+    const int64_t left = (deadline_us - g_get_monotonic_time() + 999) / 1000;
+    return left > 0 ? left : 0;
 }
 
 } // namespace
@@ -122,7 +162,7 @@ static int mitsubishi_QnA_3E_open(plc_device *dev)
         inet_aton(eth->ip_addr.c_str(), &a.sin_addr);
         g_print("%s,connecting ... \n", __func__);
         fflush(stdout);
-        if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+        if (connect_bounded(fd, a) != 0) {
             Q3E_LOG("connect:%s\n", strerror(errno));
             close(fd);
             priv->fd = -1;
@@ -141,17 +181,9 @@ static int mitsubishi_QnA_3E_open(plc_device *dev)
         if (r == 0)
             return 0;
         uint8_t stale[BUF_SIZE];
-        const ssize_t n = recv(priv->fd, stale, sizeof stale, 0);
-        if (n < 0) {
-            Q3E_LOG("recv:%s\n", strerror(errno));
-            close_socket(priv);
+        const ssize_t n = recv_or_close(priv, stale, sizeof stale, __func__);
+        if (n < 0)
             return -1;
-        }
-        if (n == 0) {
-            Q3E_LOG("recv = 0\n");
-            close_socket(priv);
-            return -1;
-        }
         Q3E_LOG("recv = %d\n", static_cast<int>(n));
     }
 }
@@ -197,6 +229,8 @@ static int mitsubishi_QnA_3E_read(plc_device *dev, const char *addr, uint32_t da
     const int len = output_hex_MC_bulk_read_msg(&msg, request, sizeof request);
     if (len < 0)
         return -1;
+    if (priv->fd < 0)
+        errno = EBADF; // the socket could not even be created in open
     const ssize_t sent = priv->fd < 0 ? -1 : send(priv->fd, request, static_cast<size_t>(len), MSG_NOSIGNAL);
     if (sent < 0) {
         Q3E_LOG("send:%s\n", strerror(errno));
@@ -205,31 +239,34 @@ static int mitsubishi_QnA_3E_read(plc_device *dev, const char *addr, uint32_t da
     }
     g_print("send num = %d\n", static_cast<int>(sent));
     print_hex(request, static_cast<size_t>(len));
-    const int r = wait_readable(priv->fd, ANSWER_WAIT_MS);
-    if (r < 0) {
-        Q3E_LOG("select:%s\n", strerror(errno));
-        return -1;
-    }
-    if (r == 0) {
-        g_print("select = 0\n");
-        close_socket(priv);
-        return -1;
-    }
+    // The answer may come in several segments: it is gathered until it is
+    // as long as its header says, all within the one answer wait.
     uint8_t response[BUF_SIZE] = {};
-    const ssize_t n = recv(priv->fd, response, sizeof response, 0);
-    if (n < 0) {
-        Q3E_LOG("recv:%s\n", strerror(errno));
-        close_socket(priv);
-        return -1;
-    }
-    if (n == 0) {
-        Q3E_LOG("recv = 0\n");
-        close_socket(priv);
-        return -1;
-    }
+    size_t n = 0;
+    size_t claimed = 0;
+    const int64_t deadline = g_get_monotonic_time() + int64_t{ANSWER_WAIT_MS} * 1000;
+    do {
+        const int r = wait_readable(priv->fd, static_cast<int>(ms_left(deadline)));
+        if (r < 0) {
+            Q3E_LOG("select:%s\n", strerror(errno));
+            return -1;
+        }
+        if (r == 0) {
+            g_print("select = 0\n");
+            close_socket(priv);
+            return -1;
+        }
+        const ssize_t got = recv_or_close(priv, response + n, sizeof response - n, __func__);
+        if (got < 0)
+            return -1;
+        n += static_cast<size_t>(got);
+        // An answer claiming more than the buffer is no one-point answer:
+        // the check below refuses it without waiting for the rest.
+        claimed = MC_response_claimed_size(response, n);
+    } while (claimed == 0 || (claimed > n && claimed <= sizeof response));
     g_print("recv num = %d\n", static_cast<int>(n));
-    print_hex(response, static_cast<size_t>(n));
-    if (analyze_MC_response(response, static_cast<size_t>(n), &msg) != 0)
+    print_hex(response, n);
+    if (analyze_MC_response(response, n, &msg) != 0)
         return -1;
     if (msg.soft_component_type == E_BIT_SOFT_COMPONENT) {
         snprintf(value, NODE_VALUE_SIZE, "%c", get_bit_soft_component_value(&msg));
