@@ -1,5 +1,5 @@
 // FX5U addresses as Modbus objects, and the driver against a Modbus TCP
-// server built on libmodbus's own server side, then on the running daemon.
+// server built on libmodbus's own server side.
 #include <gtest/gtest.h>
 
 #include "device/driver/driver.h"
@@ -16,7 +16,10 @@ TEST(Fx5uAddress, FixedAllocation)
     auto at = [](const char *t) { return fx5u_parse_address(t).modbus; };
     EXPECT_EQ(at("Y7"), 7u);
     EXPECT_EQ(at("Y10"), 8u);
-    EXPECT_TRUE(fx5u_parse_address("Y8").bad_octal);
+    EXPECT_TRUE(fx5u_parse_address("Y8").wrong_address);
+    EXPECT_FALSE(fx5u_parse_address("SW24575").wrong_address);
+    EXPECT_TRUE(fx5u_parse_address("SW24576").wrong_address) << "past the last Modbus address";
+    EXPECT_TRUE(fx5u_parse_address("D99999999999").wrong_address) << "and not back at the start";
     EXPECT_EQ(at("X100"), 80u) << "higher digits count together as tens";
     EXPECT_EQ(at("X177"), 143u);
     EXPECT_EQ(at("X81"), 65u);
@@ -47,17 +50,23 @@ protected:
         dev_->driver = device_driver_match(&probe);
     }
     void TearDown() override { ethernet_device_free(dev_); }
-    std::pair<int, std::string> read(const char *addr, uint32_t type)
+    std::pair<int, std::string> read_open(const char *addr, uint32_t type)
     {
         char v[NODE_VALUE_SIZE] = {};
         int r = -100;
-        capture_output([&] {
-            if (dev_->driver->open(dev_) == 0) {
-                r = dev_->driver->read(dev_, addr, type, v);
-                dev_->driver->release(dev_);
-            }
-        });
+        capture_output([&] { r = dev_->driver->read(dev_, addr, type, v); });
         return {r, v};
+    }
+    // One open/read/release bracket, as the reading loop makes them.
+    std::pair<int, std::string> read(const char *addr, uint32_t type)
+    {
+        int opened = -100;
+        capture_output([&] { opened = dev_->driver->open(dev_); });
+        if (opened != 0)
+            return {-100, "open failed"};
+        const auto r = read_open(addr, type);
+        capture_output([&] { dev_->driver->release(dev_); });
+        return r;
     }
     sim::ModbusTcpSim plc_;
     ethernet_device *dev_ = nullptr;
@@ -77,7 +86,10 @@ TEST_F(Fx5uDriver, ReadsEveryObjectAndRefusesWhatItShould)
     plc_.set_register(20, 0xFFFE);
     plc_.set_register(30, 0x0000);
     plc_.set_register(31, 0x3FC0);
+    plc_.set_coil(45056, true);
+    EXPECT_EQ(read("Y7", 1), R(0, "0"));
     EXPECT_EQ(read("Y10", 1), R(0, "1"));
+    EXPECT_EQ(read("S0", 1), R(0, "1"));
     EXPECT_EQ(read("Y8", 1), R(-1, "wrong address"));
     EXPECT_EQ(read("M0", 1), R(0, "1"));
     EXPECT_EQ(read("sm400", 1), R(0, "1"));
@@ -91,13 +103,36 @@ TEST_F(Fx5uDriver, ReadsEveryObjectAndRefusesWhatItShould)
     EXPECT_EQ(read("D10", 1), R(-1, "wrong type"));
     EXPECT_EQ(read("X0", 4), R(-1, "wrong type"));
     EXPECT_EQ(read("Q1", 4), R(-1, "unkown type"));
+    EXPECT_EQ(read("SX1", 1), R(-1, "unkown type"));
+    EXPECT_EQ(read("D70000", 4), R(-1, "wrong address")) << "not D4464 by a wrapped address";
+}
+
+TEST_F(Fx5uDriver, PlcThatStopsAnsweringCostsItsNodesUntilTheNextBracket)
+{
+    plc_.set_register(10, 5);
+    plc_.faults.silent = true;
+    EXPECT_EQ(read("D10", 4), std::make_pair(-1, std::string("read error")));
+    plc_.faults.silent = false;
+    EXPECT_EQ(read("D10", 4), std::make_pair(0, std::string("5")));
+
+    int opened = -1;
+    capture_output([&] { opened = dev_->driver->open(dev_); });
+    ASSERT_EQ(opened, 0);
+    plc_.faults.close_conn = true;
+    EXPECT_EQ(read_open("D10", 4), std::make_pair(-1, std::string("read error")));
+    plc_.faults.close_conn = false;
+    EXPECT_EQ(read_open("M0", 1), std::make_pair(-1, std::string("read error")))
+        << "the connection the PLC closed is not reopened within the bracket";
+    capture_output([&] { dev_->driver->release(dev_); });
+    EXPECT_EQ(read("D10", 4), std::make_pair(0, std::string("5")));
 }
 
 TEST_F(Fx5uDriver, StoppedServerFailsTheOpenAndTheNextOneReconnects)
 {
     const uint16_t port = plc_.port();
     plc_.stop();
-    EXPECT_EQ(read("D10", 4).first, -100);
+    const auto log = capture_output([&] { EXPECT_EQ(dev_->driver->open(dev_), -1); });
+    EXPECT_EQ(log.out, "connection fail\n");
     ASSERT_TRUE(plc_.start(port));
     plc_.set_register(10, 5);
     EXPECT_EQ(read("D10", 4), std::make_pair(0, std::string("5")));

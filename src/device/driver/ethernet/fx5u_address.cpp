@@ -14,7 +14,7 @@ fx5u_address fx5u_parse_address(const char *text)
         if (c >= 'A' && c <= 'Z')
             c = static_cast<char>(c - 'A' + 'a');
         if (c >= '0' && c <= '9')
-            n = n * 10 + static_cast<uint32_t>(c - '0');
+            n = n > 0xFFFFFF ? n : n * 10 + static_cast<uint32_t>(c - '0');
     }
     struct row {
         const char *prefix;
@@ -48,8 +48,10 @@ fx5u_address fx5u_parse_address(const char *text)
         // Octal the FX5U way: right for one and two digits; higher digits
         // count together as tens (X100 is 80). Kept as the PLCs are wired.
         if (n % 10 > 7)
-            a.bad_octal = true;
+            a.wrong_address = true;
         a.modbus = (n / 10) * 8 + n % 10;
     }
+    if (a.modbus > 0xFFFF)
+        a.wrong_address = true;
     return a;
 }

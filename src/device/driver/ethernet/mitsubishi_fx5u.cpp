@@ -27,7 +27,7 @@ int modbus_read(modbus_t *ctx, const char *addr, uint32_t data_type, char *value
         put(value, "unkown type");
         return -1;
     }
-    if (a.bad_octal) {
+    if (a.wrong_address) {
         put(value, "wrong address");
         return -1;
     }
