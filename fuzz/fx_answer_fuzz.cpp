@@ -1,5 +1,6 @@
 // Feeds arbitrary answers to the FX answer decoding (first byte picks the
-// data type and bit) and arbitrary addresses to the request builder.
+// data type and bit) and the completeness check, and arbitrary addresses to
+// the request builder.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -18,6 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     memcpy(answer, data + 1, len);
     char value[32];
     memset(value, 'x', sizeof value);
+    fx_answer_complete(answer, len);
     if (fx_decode_answer(answer, len, type, (data[0] & 0x80) != 0, bit, value, sizeof value) == 0 &&
         memchr(value, '\0', sizeof value) == nullptr)
         __builtin_trap();
