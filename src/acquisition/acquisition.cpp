@@ -20,11 +20,15 @@ void wait_change_done()
 
 plc_device *copy_device(const plc_device *dev)
 {
-    switch (dev->dev_comm_type) {
-    case DEV_COMM_SERIAL: return serial_device_copy(static_cast<const serial_device *>(dev));
-    case DEV_COMM_ETHERNET: return ethernet_device_copy(static_cast<const ethernet_device *>(dev));
-    default: return nullptr;
-    }
+    // dev_comm_type decides whether the device is read at all; the copy is of
+    // the record itself, so a device sent with the other kind's dev_comm is
+    // copied whole instead of being read in the wrong layout (its driver then
+    // refuses it).
+    if (dev->dev_comm_type != DEV_COMM_SERIAL && dev->dev_comm_type != DEV_COMM_ETHERNET)
+        return nullptr;
+    if (const serial_device *serial = as_serial(dev))
+        return serial_device_copy(serial);
+    return ethernet_device_copy(as_ethernet(dev));
 }
 
 enum class pass_result { done, aborted };

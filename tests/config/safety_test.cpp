@@ -2,6 +2,7 @@
 // nothing lost on bad input, any text size, restarts and kills.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <thread>
 
@@ -158,4 +159,58 @@ TEST_F(Safety, GatewayDestroyEmptiesEverything)
     EXPECT_NE(out.find("===> node del: dev_name:dev, dev_id:1, node_id:10\n"), std::string::npos);
     restart_daemon();
     EXPECT_EQ(code("SerialDeviceAdd", serial_args(1, 1, 102, "fx")), 0) << "nothing came back";
+}
+
+// A device is stored with the dev_comm it was sent with, so a serial record
+// can claim to be Ethernet and the reverse. Such devices are kept, shown and
+// restored, their drivers refuse them, and nothing ever reads one record in
+// the other's layout (under AddressSanitizer this test would catch it).
+TEST_F(Safety, DevCommOfTheOtherKindIsStoredAsSentAndNeverReadInTheWrongLayout)
+{
+    start_daemon();
+    // Serial records saying Ethernet (an FX-5U and a 1200 model, Ethernet
+    // drivers) and an Ethernet record saying serial (an FX-3U, a serial driver).
+    ASSERT_EQ(code("SerialDeviceAdd", serial_args(1, 1, 103, "s-as-e", 1, 1, 9600, 8, 1, 0, 1)), 0);
+    ASSERT_EQ(code("SerialDeviceAdd", serial_args(2, 2, 3, "s-as-e2", 1, 1, 9600, 8, 1, 0, 1)), 0);
+    ASSERT_EQ(code("EthernetDeviceAdd", ethernet_args(3, 1, 101, "e-as-s", "127.0.0.1", 1, 0, 1, 0)),
+              0);
+    // A kind that is neither: kept in memory and freed on delete.
+    ASSERT_EQ(code("SerialDeviceAdd", serial_args(4, 1, 102, "odd", 1, 1, 9600, 8, 1, 0, 7)), 0);
+    ASSERT_EQ(code("nodeTableAddMulti",
+                   node_array({{1, 10, "D0"}, {2, 20, "DB1.DBW0"}, {3, 30, "D0"}, {4, 40, "D0"}})),
+              0);
+    ASSERT_EQ(code("SerialDeviceDel", g_variant_new("(uuuus)", 4u, 7u, 1u, 102u, "odd")), 0);
+    EXPECT_EQ(rows("select dev_id, dev_comm_type from SerialDevTable order by dev_id"),
+              (rows_t{"1|1", "2|1"}));
+    EXPECT_EQ(rows("select dev_comm_type from EthernetDevTable"), (rows_t{"0"}));
+
+    // Each is visited and published without values: its driver cannot open it.
+    NodesRecorder rec(conn());
+    start_system_service(1);
+    ASSERT_TRUE(rec.wait_for_count(1, 15s));
+    auto devices = cycle_devices(rec.last());
+    std::sort(devices.begin(), devices.end());
+    EXPECT_EQ(devices, (rows_t{"1:s-as-e:0", "2:s-as-e2:0", "3:e-as-s:0"}));
+
+    // Modify and delete go by what the record is, not by what it says.
+    EXPECT_EQ(code("EthernetDeviceMdf", ethernet_args(1, 1, 103, "x")), 6);
+    EXPECT_EQ(code("SerialDeviceMdf", serial_args(1, 1, 103, "renamed", 1, 1, 9600, 8, 1, 0, 1)), 0);
+    EXPECT_EQ(code("SerialDeviceMdf", serial_args(3, 1, 101, "x")), 6);
+    EXPECT_EQ(code("EthernetDeviceMdf", ethernet_args(3, 1, 101, "e-renamed", "::1", 1, 0, 1, 0)),
+              0);
+
+    // They come back after a restart as they were stored.
+    restart_daemon();
+    const size_t seen = rec.count();
+    ASSERT_TRUE(rec.wait_for_count(seen + 1, 15s));
+    devices = cycle_devices(rec.last());
+    std::sort(devices.begin(), devices.end());
+    EXPECT_EQ(devices, (rows_t{"1:renamed:0", "2:s-as-e2:0", "3:e-renamed:0"}));
+
+    // Synchronising a kind removes the devices whose dev_comm says it.
+    EXPECT_EQ(code("EthernetDeviceSyncMulti", g_variant_new_parsed("(@a(uuuussuuu) [],)")), 0);
+    EXPECT_EQ(code("SerialDeviceSyncMulti", g_variant_new_parsed("(@a(uuuusuuuuuuu) [],)")), 0);
+    const size_t after = rec.count();
+    ASSERT_TRUE(rec.wait_for_count(after + 2, 15s));
+    EXPECT_TRUE(cycle_devices(rec.last()).empty());
 }

@@ -29,17 +29,18 @@ GVariant *node_id_array(const std::vector<uint32_t> &ids)
 }
 
 GVariant *ethernet_args(uint32_t dev_id, uint32_t mfg, uint32_t type, const std::string &name,
-                        const std::string &ip, uint32_t port, uint32_t rack, uint32_t slot)
+                        const std::string &ip, uint32_t port, uint32_t rack, uint32_t slot,
+                        uint32_t comm)
 {
-    return g_variant_new("(uuuussuuu)", dev_id, 1u, mfg, type, name.c_str(), ip.c_str(), port,
+    return g_variant_new("(uuuussuuu)", dev_id, comm, mfg, type, name.c_str(), ip.c_str(), port,
                          rack, slot);
 }
 
 GVariant *serial_args(uint32_t dev_id, uint32_t mfg, uint32_t type, const std::string &name,
                       uint32_t station, uint32_t serial_number, uint32_t baud, uint32_t data_bit,
-                      uint32_t stop_bit, uint32_t parity)
+                      uint32_t stop_bit, uint32_t parity, uint32_t comm)
 {
-    return g_variant_new("(uuuusuuuuuuu)", dev_id, 0u, mfg, type, name.c_str(), station, 0u,
+    return g_variant_new("(uuuusuuuuuuu)", dev_id, comm, mfg, type, name.c_str(), station, 0u,
                          serial_number, baud, data_bit, stop_bit, parity);
 }
 

@@ -139,10 +139,11 @@ void device_free(plc_device *dev)
 {
     if (dev == nullptr)
         return;
-    if (dev->dev_comm_type == DEV_COMM_SERIAL)
-        serial_device_free(static_cast<serial_device *>(dev));
-    else if (dev->dev_comm_type == DEV_COMM_ETHERNET)
-        ethernet_device_free(static_cast<ethernet_device *>(dev));
+    // By the record's own kind: dev_comm_type is whatever the request said.
+    if (serial_device *serial = as_serial(dev))
+        serial_device_free(serial);
+    else
+        ethernet_device_free(as_ethernet(dev));
 }
 
 driver *device_driver_match(const plc_device *dev)

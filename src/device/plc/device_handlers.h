@@ -28,10 +28,8 @@ gboolean serve(const char *func, Work work, Complete complete)
 
 template <typename Kind> typename Kind::record *find_of_kind(uint32_t dev_id)
 {
-    plc_device *dev = device_find(dev_id);
-    if (dev == nullptr || dev->dev_comm_type != Kind::comm)
-        return nullptr;
-    return static_cast<typename Kind::record *>(dev);
+    // By the record's own kind, whatever dev_comm_type says.
+    return dynamic_cast<typename Kind::record *>(device_find(dev_id));
 }
 
 // Answers 1 for an id any device already has (of either kind); otherwise
@@ -64,13 +62,12 @@ int device_add(const char *func, uint32_t dev_id, Create create)
 // `req` is the record built from the request; it is consumed.
 template <typename Kind> int device_mdf(const char *func, typename Kind::record *req)
 {
-    plc_device *found = device_find(req->dev_id);
-    if (found == nullptr || found->dev_comm_type != Kind::comm) {
+    auto *dev = find_of_kind<Kind>(req->dev_id);
+    if (dev == nullptr) {
         plc_error_report(Kind::module, func, __LINE__, Kind::not_exist);
         Kind::free(req);
         return 6;
     }
-    auto *dev = static_cast<typename Kind::record *>(found);
     if (dev->dev_mfg != req->dev_mfg || dev->dev_type != req->dev_type) {
         // A new model is a new device: the old one goes with its nodes, in
         // memory and in the database, even if the new one cannot be bound.
@@ -142,8 +139,8 @@ template <typename Kind> int device_del(const char *func, uint32_t dev_id)
     if (failed)
         return -1;
 
-    plc_device *dev = device_find(dev_id);
-    if (dev == nullptr || dev->dev_comm_type != Kind::comm) {
+    auto *dev = find_of_kind<Kind>(dev_id);
+    if (dev == nullptr) {
         plc_error_report(Kind::module, func, __LINE__, Kind::not_exist);
         return 6;
     }

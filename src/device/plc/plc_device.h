@@ -65,8 +65,16 @@ const char *dev_type_text(uint32_t code);
 const char *node_data_type_text(uint32_t code);
 
 // Common header of both device kinds: the list, matching and the reading
-// loop work through it alone.
+// loop work through it alone. A device is stored with the dev_comm it was
+// sent with, so dev_comm_type can disagree with the record's own kind:
+// whatever needs the serial or Ethernet fields asks for them with
+// as_serial/as_ethernet, which go by the record itself.
 struct plc_device {
+    plc_device() = default;
+    plc_device(const plc_device &) = default;
+    plc_device &operator=(const plc_device &) = default;
+    virtual ~plc_device() = default;
+
     uint32_t dev_id = 0;
     std::string dev_name;
     uint32_t dev_comm_type = 0;

@@ -10,6 +10,17 @@ struct ethernet_device : plc_device {
     uint32_t slot = 0;
 };
 
+// The Ethernet record behind a device, or null when it is a serial one
+// (whatever its dev_comm_type says).
+inline ethernet_device *as_ethernet(plc_device *dev)
+{
+    return dynamic_cast<ethernet_device *>(dev);
+}
+inline const ethernet_device *as_ethernet(const plc_device *dev)
+{
+    return dynamic_cast<const ethernet_device *>(dev);
+}
+
 inline constexpr const char PLC_ETHERNET_MODULE[] = "device/plc/plc_ethernet";
 
 ethernet_device *ethernet_device_create(uint32_t dev_id, const char *dev_name,

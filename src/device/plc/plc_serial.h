@@ -13,6 +13,17 @@ struct serial_device : plc_device {
     uint32_t parity_bit = 0;
 };
 
+// The serial record behind a device, or null when it is an Ethernet one
+// (whatever its dev_comm_type says).
+inline serial_device *as_serial(plc_device *dev)
+{
+    return dynamic_cast<serial_device *>(dev);
+}
+inline const serial_device *as_serial(const plc_device *dev)
+{
+    return dynamic_cast<const serial_device *>(dev);
+}
+
 inline constexpr const char PLC_SERIAL_MODULE[] = "device/plc/plc_serial";
 
 serial_device *serial_device_create(uint32_t dev_id, const char *dev_name, uint32_t dev_comm_type,

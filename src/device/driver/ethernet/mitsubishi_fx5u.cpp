@@ -88,9 +88,9 @@ fx5u_priv *fx5u_data(const char *func)
 
 int mitsubishi_fx5u_open(plc_device *dev)
 {
-    if (dev->dev_comm_type != DEV_COMM_ETHERNET)
+    const ethernet_device *eth = as_ethernet(dev);
+    if (eth == nullptr || dev->dev_comm_type != DEV_COMM_ETHERNET)
         return -1; // a serial record bound by maker and model has no address
-    const auto *eth = static_cast<const ethernet_device *>(dev);
     modbus_t *ctx = modbus_new_tcp(eth->ip_addr.c_str(), static_cast<int>(eth->port));
     if (ctx == nullptr || modbus_connect(ctx) == -1) {
         puts("connection fail");

@@ -143,9 +143,9 @@ static int mitsubishi_QnA_3E_open(plc_device *dev)
         Q3E_LOG("drvdata = NULL\n");
         return -1;
     }
-    if (dev->dev_comm_type != DEV_COMM_ETHERNET)
+    const ethernet_device *eth = as_ethernet(dev);
+    if (eth == nullptr || dev->dev_comm_type != DEV_COMM_ETHERNET)
         return -1; // a serial record bound by maker and model has no address
-    const auto *eth = static_cast<const ethernet_device *>(dev);
     g_print("%s,dev_id = %d\n", __func__, dev->dev_id);
     g_print("%s,ip = %s\n", __func__, eth->ip_addr.c_str());
     g_print("%s,port = %d\n", __func__, eth->port);

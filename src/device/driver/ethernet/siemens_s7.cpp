@@ -38,8 +38,8 @@ int s7_open(driver &drv, const char *func, plc_device *dev)
         g_print("<%s>: Failed to get drvdata\n", func);
         return -1;
     }
-    const auto *eth = static_cast<const ethernet_device *>(dev);
-    if (dev->dev_comm_type != DEV_COMM_ETHERNET)
+    const ethernet_device *eth = as_ethernet(dev);
+    if (eth == nullptr || dev->dev_comm_type != DEV_COMM_ETHERNET)
         return -1; // a serial record bound by maker and model has no address
     S7Object client = Cli_Create();
     // The port field is not used: S7 PLCs listen on ISO-on-TCP port 102.

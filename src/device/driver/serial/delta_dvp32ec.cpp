@@ -119,9 +119,10 @@ static int delta_dvp32ec_open(plc_device *dev)
     dvp_priv *priv = dvp_data(__func__);
     if (priv == nullptr)
         return -1;
-    const auto *sd = static_cast<const serial_device *>(dev);
-    const char *path = dev->dev_comm_type == DEV_COMM_SERIAL ? serial_port_path(sd->serial_number)
-                                                             : nullptr;
+    const serial_device *sd = as_serial(dev);
+    const char *path = sd != nullptr && dev->dev_comm_type == DEV_COMM_SERIAL
+                           ? serial_port_path(sd->serial_number)
+                           : nullptr;
     if (path == nullptr) {
         g_print("serial_number err\n");
         return -1;
@@ -170,8 +171,8 @@ static int delta_dvp32ec_read(plc_device *dev, const char *node_addr, uint32_t d
     char hex[5];
     mapping(address, &letter, hex);
     uint32_t v = 0;
-    if (priv->fd < 0 || get_point_value(priv->fd, hex, code, &v,
-                                        static_cast<const serial_device *>(dev)->station_num) != 0)
+    const serial_device *sd = as_serial(dev);
+    if (priv->fd < 0 || sd == nullptr || get_point_value(priv->fd, hex, code, &v, sd->station_num) != 0)
         return -1;
     snprintf(value, NODE_VALUE_SIZE, "%d", static_cast<int>(v));
     g_print("<%s> = %s\n", address, value);

@@ -27,9 +27,10 @@ constexpr size_t ANSWER_SIZE = 512;
 
 int fx_open(driver &drv, const char *func, plc_device *dev)
 {
-    const auto *sd = static_cast<const serial_device *>(dev);
-    const char *path = dev->dev_comm_type == DEV_COMM_SERIAL ? serial_port_path(sd->serial_number)
-                                                             : nullptr;
+    const serial_device *sd = as_serial(dev);
+    const char *path = sd != nullptr && dev->dev_comm_type == DEV_COMM_SERIAL
+                           ? serial_port_path(sd->serial_number)
+                           : nullptr;
     if (path == nullptr) {
         g_print("serial_number err\n");
         return -1;

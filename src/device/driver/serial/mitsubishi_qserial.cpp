@@ -83,11 +83,11 @@ static int mitusbishi_Qserial_open(plc_device *dev)
     }
     // A record of the other kind can be bound by maker and model alone; it
     // has no line settings to read.
-    if (dev->dev_comm_type != DEV_COMM_SERIAL) {
+    const serial_device *sDev = as_serial(dev);
+    if (sDev == nullptr || dev->dev_comm_type != DEV_COMM_SERIAL) {
         QS_LOG("dev_comm_type = %u\n", dev->dev_comm_type);
         return -1;
     }
-    const auto *sDev = static_cast<const serial_device *>(dev);
     char parity = 0;
     switch (sDev->parity_bit) {
     case 0: parity = 'n'; break;

@@ -129,11 +129,11 @@ int identify_and_read(int fd, uint8_t station, const char *addr, uint32_t data_t
 static int siemens_s7_200_read(plc_device *dev, const char *addr, uint32_t data_type, char *value)
 {
     s7_200_priv *priv = drvdata(dev);
-    if (priv == nullptr || dev->dev_comm_type != DEV_COMM_SERIAL) {
+    const serial_device *sDev = as_serial(dev);
+    if (priv == nullptr || sDev == nullptr || dev->dev_comm_type != DEV_COMM_SERIAL) {
         g_print("<%s>: Failed to get drvdata\n", __func__);
         return -1;
     }
-    const auto *sDev = static_cast<const serial_device *>(dev);
     if (identify_and_read(priv->is_open != 0 ? priv->fd : -1, static_cast<uint8_t>(sDev->station_num), addr,
                           data_type, value) != 0) {
         snprintf(value, NODE_VALUE_SIZE, "read error");
@@ -147,11 +147,11 @@ static int siemens_s7_200_open(plc_device *dev)
 {
     // A record of the other kind can be bound by maker and model alone; it
     // has no line settings to read.
-    if (dev->dev_comm_type != DEV_COMM_SERIAL) {
+    const serial_device *sDev = as_serial(dev);
+    if (sDev == nullptr || dev->dev_comm_type != DEV_COMM_SERIAL) {
         g_print("serial_number err\n");
         return -1;
     }
-    const auto *sDev = static_cast<const serial_device *>(dev);
     const char *path = serial_port_path(sDev->serial_number);
     if (path == nullptr) {
         g_print("serial_number err\n");
