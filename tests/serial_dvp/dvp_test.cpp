@@ -4,12 +4,9 @@
 
 #include <cstring>
 
-#include "device/driver/driver.h"
 #include "device/driver/serial/dvp_codec.h"
-#include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "serial_common/sim_driver_fixture.h"
 #include "sim/dvp_sim.h"
-#include "support/test_util.h"
 
 using namespace dstest;
 
@@ -128,48 +125,12 @@ TEST(DvpCodec, AnswerDecoding)
     EXPECT_EQ(decode(std::string(":") + std::string(80, '0') + "00\r\n").rc, -1) << "oversized";
 }
 
-class DvpDriver : public ::testing::Test {
+class DvpDriver : public SimDriverTest<sim::DvpSim> {
 protected:
-    DvpDriver() : plc_(10), line_(dir_.file("tty2"))
+    DvpDriver() : SimDriverTest(2, 10)
     {
-        service_paths p;
-        p.serial_port_1 = dir_.file("absent");
-        p.serial_port_2 = dir_.file("tty2");
-        set_runtime_paths(p);
-        capture_output([] { init_driver(); });
-        line_.add_protocol(&plc_);
-        line_.start();
-        dev_ = serial_device_create(1, "dvp", 0, 3, 201, 0, 2, 10, 9600, 7, 1, 1);
-        capture_output([this] { dev_->driver = device_driver_match(dev_); });
+        bind(serial_device_create(1, "dvp", 0, 3, 201, 0, 2, 10, 9600, 7, 1, 1));
     }
-    ~DvpDriver() override
-    {
-        line_.stop();
-        serial_device_free(dev_);
-        capture_output([] { deinit_driver(); });
-    }
-    struct Read {
-        int rc;
-        std::string value;
-        std::string out;
-    };
-    // open, read, release as the reading loop does; rc -100 when open fails.
-    Read read(const char *addr, uint32_t type)
-    {
-        char v[NODE_VALUE_SIZE] = {};
-        int r = -100;
-        auto c = capture_output([&] {
-            if (dev_->driver->open(dev_) == 0) {
-                r = dev_->driver->read(dev_, addr, type, v);
-                dev_->driver->release(dev_);
-            }
-        });
-        return {r, v, c.out};
-    }
-    TempDir dir_;
-    sim::DvpSim plc_;
-    sim::SerialLine line_;
-    serial_device *dev_ = nullptr;
 };
 
 TEST_F(DvpDriver, ReadsRegistersAndBits)

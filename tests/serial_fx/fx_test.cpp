@@ -4,12 +4,9 @@
 
 #include <cstring>
 
-#include "device/driver/driver.h"
 #include "device/driver/serial/fx_codec.h"
-#include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "serial_common/sim_driver_fixture.h"
 #include "sim/fx_sim.h"
-#include "support/test_util.h"
 
 using namespace dstest;
 
@@ -161,54 +158,13 @@ TEST(FxCodec, AnswerCompleteness)
     EXPECT_FALSE(complete(""));
 }
 
-class FxDriver : public ::testing::Test {
+class FxDriver : public SimDriverTest<sim::FxSim> {
 protected:
-    FxDriver() : line_(dir_.file("tty1"))
-    {
-        service_paths p;
-        p.serial_port_1 = dir_.file("tty1");
-        p.serial_port_2 = dir_.file("absent");
-        set_runtime_paths(p);
-        capture_output([] { init_driver(); });
-        line_.add_protocol(&plc_);
-        line_.start();
-        use_model(DEV_TYPE_FX_3U);
-    }
-    ~FxDriver() override
-    {
-        line_.stop();
-        serial_device_free(dev_);
-        capture_output([] { deinit_driver(); });
-    }
+    FxDriver() : SimDriverTest(1) { use_model(DEV_TYPE_FX_3U); }
     void use_model(uint32_t type)
     {
-        serial_device_free(dev_);
-        dev_ = serial_device_create(1, "fx", 0, 1, type, 0, 1, 0, 9600, 7, 1, 1);
-        capture_output([this] { dev_->driver = device_driver_match(dev_); });
-        ASSERT_NE(dev_->driver, nullptr);
+        bind(serial_device_create(1, "fx", 0, 1, type, 0, 1, 0, 9600, 7, 1, 1));
     }
-    struct Read {
-        int rc;
-        std::string value;
-        std::string out;
-    };
-    // open, read, release as the reading loop does; rc -100 when open fails.
-    Read read(const char *addr, uint32_t type)
-    {
-        char v[NODE_VALUE_SIZE] = {};
-        int r = -100;
-        auto c = capture_output([&] {
-            if (dev_->driver->open(dev_) == 0) {
-                r = dev_->driver->read(dev_, addr, type, v);
-                dev_->driver->release(dev_);
-            }
-        });
-        return {r, v, c.out};
-    }
-    TempDir dir_;
-    sim::FxSim plc_;
-    sim::SerialLine line_;
-    serial_device *dev_ = nullptr;
 };
 
 TEST_F(FxDriver, ReadsEveryArea)
