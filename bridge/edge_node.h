@@ -1,0 +1,87 @@
+// The edge node's model, free of I/O: which devices are born with which
+// metrics, their last values, and the Sparkplug messages a cycle, a command
+// or a new session calls for. seq and bdSeq are the session's (publisher)
+// business: messages come out without seq, in the order they must be sent.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "cycle.h"
+#include "sparkplug.h"
+
+namespace bridge {
+
+enum class DeviceIdMode { Name, Id };
+
+struct EdgeNodeConfig {
+    std::string group = "device-service";
+    std::string edge_node;            // the host name by default (set by the program)
+    DeviceIdMode device_id = DeviceIdMode::Name;
+};
+
+struct Message {
+    sp::MsgType type = sp::MsgType::NDATA;
+    std::string device;               // Sparkplug device_id; empty for node messages
+    sp::Payload payload;              // seq left empty
+};
+
+struct CommandResult {
+    bool rebirth = false;             // NCMD Node Control/Rebirth = true
+    std::string log_line;             // what to log (refused writes, unknown commands); may be empty
+};
+
+class EdgeNode {
+public:
+    explicit EdgeNode(EdgeNodeConfig config);
+
+    const EdgeNodeConfig &config() const { return config_; }
+
+    // NDEATH with this bdSeq: the Will, and what a planned disconnect sends.
+    Message death(uint64_t bd_seq) const;
+    // NBIRTH (bdSeq, Node Control/Rebirth = false, the edge node's own
+    // metrics) then a DBIRTH for every device alive now, with current values.
+    std::vector<Message> births(uint64_t bd_seq, uint64_t now_ms) const;
+
+    // Takes a cycle into the model. Returns, in order: DDEATH for devices
+    // gone from the signal or published with no node; DBIRTH for devices
+    // new, back, or whose metric set changed (name, datatype, address);
+    // DDATA with the metrics that changed (a node missing from a device
+    // that was read: null once).
+    std::vector<Message> on_cycle(const Cycle &cycle);
+    // The daemon left the bus: DDEATH for every alive device.
+    std::vector<Message> on_daemon_gone(uint64_t now_ms);
+    // An NCMD/DCMD arrived on `topic`.
+    CommandResult on_command(const std::string &topic, const std::string &payload) const;
+
+    // Is this metric, with this datatype, in the current birth of `device`?
+    // (Stored values of metrics that are not are left out of a replay.)
+    bool born(const std::string &device, const std::string &metric, uint32_t datatype) const;
+    std::vector<std::string> alive_devices() const;
+
+    // Values whose text did not parse for their type (published as null).
+    uint64_t unparsable_values() const { return unparsable_; }
+    // Edge-node metrics set by the program (e.g. "Store/Dropped"): carried in
+    // NBIRTH and, when they change, in NDATA (returned).
+    std::vector<Message> set_node_metric(const std::string &name, uint64_t value, uint64_t now_ms);
+
+private:
+    struct MetricState {
+        sp::Metric last;          // datatype, address, last value and its time
+    };
+    struct DeviceState {
+        uint32_t dev_id = 0;
+        std::string dev_name;
+        bool alive = false;
+        std::vector<std::string> order;              // metric names in node order
+        std::map<std::string, MetricState> metrics;
+    };
+    EdgeNodeConfig config_;
+    std::map<std::string, DeviceState> devices_;     // by Sparkplug device_id
+    std::map<std::string, uint64_t> node_metrics_;
+    uint64_t unparsable_ = 0;
+};
+
+} // namespace bridge
