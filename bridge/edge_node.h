@@ -7,14 +7,14 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "cycle.h"
+#include "device_ids.h"
 #include "sparkplug.h"
 
 namespace bridge {
-
-enum class DeviceIdMode { Name, Id };
 
 struct EdgeNodeConfig {
     std::string group = "device-service";
@@ -75,9 +75,22 @@ private:
         uint32_t dev_id = 0;
         std::string dev_name;
         bool alive = false;
-        std::vector<std::string> order;              // metric names in node order
-        std::map<std::string, MetricState> metrics;
+        size_t position = 0;                         // place in the latest cycle
+        std::vector<MetricState> metrics;            // in node order: the birth's set
+        std::unordered_map<std::string, size_t> index; // metric name -> metrics[]
     };
+    struct Reading {
+        std::string metric;       // the node's name, made distinct within its device
+        const NodeReading *node = nullptr;
+        uint32_t datatype = 0;
+        sp::Value value;
+    };
+    std::vector<Reading> readings(const DeviceReading &device);
+    static bool same_set(const DeviceState &state, const std::vector<Reading> &now);
+    static Message device_birth(const std::string &id, const DeviceState &state, uint64_t ts);
+    static Message device_death(const std::string &id, uint64_t ts);
+    std::vector<std::pair<const std::string *, const DeviceState *>> alive_in_order() const;
+
     EdgeNodeConfig config_;
     std::map<std::string, DeviceState> devices_;     // by Sparkplug device_id
     std::map<std::string, uint64_t> node_metrics_;

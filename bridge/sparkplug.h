@@ -17,6 +17,9 @@ enum DataType : uint32_t {
     Float = 9, Double = 10, Boolean = 11, String = 12,
 };
 
+// The datatype's name as Sparkplug spells it ("Int16"); "Unknown" for others.
+const char *datatype_name(uint32_t datatype);
+
 enum class MsgType { NBIRTH, NDEATH, DBIRTH, DDEATH, NDATA, DDATA, NCMD, DCMD, STATE };
 const char *msg_type_name(MsgType t);
 
@@ -28,14 +31,14 @@ using Value = std::variant<std::monostate, uint32_t, uint64_t, float, double, bo
 struct Metric {
     std::string name;
     uint32_t datatype = 0;     // 0: not sent (data messages)
-    uint64_t timestamp = 0;    // capture time, UTC ms
+    uint64_t timestamp = 0;    // capture time, UTC ms; 0: not sent
     Value value;
     bool historical = false;   // is_historical
     std::string address;       // births only: property "address" (String) when non-empty
 };
 
 struct Payload {
-    uint64_t timestamp = 0;       // publish time, UTC ms
+    uint64_t timestamp = 0;       // publish time, UTC ms; 0: not sent
     std::optional<uint64_t> seq;  // absent in NDEATH
     std::vector<Metric> metrics;
 };
