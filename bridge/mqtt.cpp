@@ -1,0 +1,346 @@
+#include "mqtt.h"
+
+#include <mosquitto.h>
+
+#include <algorithm>
+#include <exception>
+
+namespace bridge {
+
+namespace {
+
+constexpr unsigned FIRST_BACKOFF_MS = 1000;
+constexpr unsigned LAST_BACKOFF_MS = 30000;
+
+void library_once()
+{
+    struct Library {
+        Library() { mosquitto_lib_init(); }
+        ~Library() { mosquitto_lib_cleanup(); }
+    };
+    static Library library;
+}
+
+// libmosquitto calls back through C: nothing may be thrown across it.
+template <typename Fn>
+void guarded(const char *what, Fn &&fn)
+{
+    try {
+        fn();
+    } catch (const std::exception &e) {
+        g_critical("%s: %s", what, e.what());
+    } catch (...) {
+        g_critical("%s: unexpected failure", what);
+    }
+}
+
+// CONNACK codes of MQTT 3.1.1 that no retry will change.
+const char *refusal(int rc)
+{
+    switch (rc) {
+    case 1: return "the broker does not accept MQTT 3.1.1";
+    case 2: return "client id rejected";
+    case 4: return "bad user name or password";
+    case 5: return "not authorised";
+    default: return nullptr;
+    }
+}
+
+} // namespace
+
+// Watches the client's socket: readable always, writable while libmosquitto
+// has bytes queued.
+struct MqttClient::SocketSource {
+    GSource base;
+    MqttClient *owner;
+    gpointer tag;
+
+    static gboolean prepare(GSource *s, gint *timeout)
+    {
+        auto *self = reinterpret_cast<SocketSource *>(s);
+        const bool out = mosquitto_want_write(self->owner->mosq_);
+        g_source_modify_unix_fd(s, self->tag,
+                                static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR |
+                                                          (out ? G_IO_OUT : 0)));
+        *timeout = -1;
+        return FALSE;
+    }
+    static gboolean check(GSource *s)
+    {
+        auto *self = reinterpret_cast<SocketSource *>(s);
+        return g_source_query_unix_fd(s, self->tag) != 0;
+    }
+    static gboolean dispatch(GSource *s, GSourceFunc, gpointer)
+    {
+        auto *self = reinterpret_cast<SocketSource *>(s);
+        self->owner->io(g_source_query_unix_fd(s, self->tag));
+        return G_SOURCE_CONTINUE;
+    }
+};
+
+MqttClient::MqttClient(MqttSettings settings, Events events)
+    : settings_(std::move(settings)), events_(std::move(events))
+{
+    library_once();
+    mosq_ = mosquitto_new(settings_.client_id.c_str(), true, this);
+    if (mosq_ == nullptr)
+        return;
+    mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+    mosquitto_connect_callback_set(mosq_, &MqttClient::on_connect);
+    mosquitto_disconnect_callback_set(mosq_, &MqttClient::on_disconnect);
+    mosquitto_message_callback_set(mosq_, &MqttClient::on_message);
+    mosquitto_publish_callback_set(mosq_, &MqttClient::on_publish);
+}
+
+MqttClient::~MqttClient()
+{
+    unwatch_socket();
+    if (retry_id_ != 0)
+        g_source_remove(retry_id_);
+    if (mosq_ != nullptr)
+        mosquitto_destroy(mosq_);
+}
+
+bool MqttClient::start(std::string &error)
+{
+    if (mosq_ == nullptr) {
+        error = "cannot make an MQTT client";
+        return false;
+    }
+    if (!settings_.username.empty()) {
+        const int rc = mosquitto_username_pw_set(
+            mosq_, settings_.username.c_str(),
+            settings_.password.empty() ? nullptr : settings_.password.c_str());
+        if (rc != MOSQ_ERR_SUCCESS) {
+            error = std::string("user name: ") + mosquitto_strerror(rc);
+            return false;
+        }
+    }
+    if (!settings_.tls_ca.empty()) {
+        const int rc = mosquitto_tls_set(mosq_, settings_.tls_ca.c_str(), nullptr,
+                                         settings_.tls_cert.empty() ? nullptr : settings_.tls_cert.c_str(),
+                                         settings_.tls_key.empty() ? nullptr : settings_.tls_key.c_str(),
+                                         nullptr);
+        if (rc != MOSQ_ERR_SUCCESS) {
+            error = std::string("TLS: ") + mosquitto_strerror(rc);
+            return false;
+        }
+    }
+    attempt();
+    return true;
+}
+
+void MqttClient::attempt()
+{
+    retry_id_ = 0;
+    if (stopped_ || stopping_)
+        return;
+    bool go = false;
+    guarded("before connect", [&] { go = !events_.before_connect || events_.before_connect(); });
+    if (!go) {
+        stopped_ = true;
+        return;
+    }
+    const int rc = mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port,
+                                           settings_.keepalive_s);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        const std::string why = rc == MOSQ_ERR_ERRNO ? g_strerror(errno) : mosquitto_strerror(rc);
+        g_message("cannot reach the broker at %s: %s; next attempt in %u s", where().c_str(),
+                  why.c_str(), backoff_ms_ / 1000);
+        schedule_retry();
+        return;
+    }
+    watch_socket();
+}
+
+void MqttClient::watch_socket()
+{
+    unwatch_socket();
+    const int fd = mosquitto_socket(mosq_);
+    if (fd < 0)
+        return;
+    static GSourceFuncs funcs = {&SocketSource::prepare, &SocketSource::check,
+                                 &SocketSource::dispatch, nullptr, nullptr, nullptr};
+    source_ = g_source_new(&funcs, sizeof(SocketSource));
+    auto *s = reinterpret_cast<SocketSource *>(source_);
+    s->owner = this;
+    s->tag = g_source_add_unix_fd(source_, fd, static_cast<GIOCondition>(G_IO_IN | G_IO_OUT));
+    g_source_set_name(source_, "mqtt socket");
+    g_source_attach(source_, nullptr);
+    // Keep-alive pings and their time-outs.
+    misc_id_ = g_timeout_add_seconds(1, &MqttClient::on_misc, this);
+}
+
+void MqttClient::unwatch_socket()
+{
+    if (source_ != nullptr) {
+        g_source_destroy(source_);
+        g_source_unref(source_);
+        source_ = nullptr;
+    }
+    if (misc_id_ != 0) {
+        g_source_remove(misc_id_);
+        misc_id_ = 0;
+    }
+}
+
+void MqttClient::io(GIOCondition cond)
+{
+    // TLS may hold a further packet already read from the socket: read until
+    // libmosquitto finds nothing more (bounded, so one busy peer cannot
+    // starve the loop).
+    if ((cond & (G_IO_IN | G_IO_HUP | G_IO_ERR)) != 0) {
+        for (int i = 0; i < 16 && source_ != nullptr; ++i) {
+            if (mosquitto_loop_read(mosq_, 1) != MOSQ_ERR_SUCCESS) {
+                lost();
+                return;
+            }
+            if (settings_.tls_ca.empty())
+                break;
+        }
+    }
+    if (source_ != nullptr && (cond & G_IO_OUT) != 0 && mosquitto_want_write(mosq_) &&
+        mosquitto_loop_write(mosq_, 1) != MOSQ_ERR_SUCCESS)
+        lost();
+}
+
+gboolean MqttClient::on_misc(gpointer data)
+{
+    auto *self = static_cast<MqttClient *>(data);
+    const int rc = mosquitto_loop_misc(self->mosq_);
+    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) {
+        self->misc_id_ = 0; // the source ends with this call
+        self->lost();
+        return G_SOURCE_REMOVE;
+    }
+    return G_SOURCE_CONTINUE;
+}
+
+void MqttClient::lost()
+{
+    const bool was = connected_;
+    connected_ = false;
+    unwatch_socket();
+    if (stopping_) {
+        if (done_) {
+            auto done = std::move(done_);
+            done_ = nullptr;
+            done();
+        }
+        return;
+    }
+    if (stopped_)
+        return;
+    if (was) {
+        g_message("lost the broker at %s; next attempt in %u s", where().c_str(), backoff_ms_ / 1000);
+        guarded("disconnected", [&] {
+            if (events_.disconnected)
+                events_.disconnected();
+        });
+    }
+    schedule_retry();
+}
+
+void MqttClient::schedule_retry()
+{
+    if (retry_id_ != 0 || stopped_ || stopping_)
+        return;
+    retry_id_ = g_timeout_add(backoff_ms_, &MqttClient::on_retry, this);
+    backoff_ms_ = std::min(backoff_ms_ * 2, LAST_BACKOFF_MS);
+}
+
+gboolean MqttClient::on_retry(gpointer data)
+{
+    static_cast<MqttClient *>(data)->attempt();
+    return G_SOURCE_REMOVE;
+}
+
+void MqttClient::on_connect(mosquitto *, void *data, int rc)
+{
+    auto *self = static_cast<MqttClient *>(data);
+    if (rc == 0) {
+        self->connected_ = true;
+        self->backoff_ms_ = FIRST_BACKOFF_MS;
+        g_message("connected to %s as %s", self->where().c_str(), self->settings_.client_id.c_str());
+        guarded("connected", [&] {
+            if (self->events_.connected)
+                self->events_.connected();
+        });
+        return;
+    }
+    if (const char *why = refusal(rc)) {
+        self->stopped_ = true;
+        guarded("refused", [&] {
+            if (self->events_.refused)
+                self->events_.refused(why);
+        });
+        return;
+    }
+    g_message("the broker at %s is unavailable (CONNACK %d)", self->where().c_str(), rc);
+}
+
+void MqttClient::on_disconnect(mosquitto *, void *data, int)
+{
+    static_cast<MqttClient *>(data)->lost();
+}
+
+void MqttClient::on_message(mosquitto *, void *data, const mosquitto_message *msg)
+{
+    auto *self = static_cast<MqttClient *>(data);
+    guarded("message", [&] {
+        if (!self->events_.message || msg->topic == nullptr)
+            return;
+        const char *bytes = static_cast<const char *>(msg->payload);
+        self->events_.message(msg->topic, bytes != nullptr
+                                              ? std::string(bytes, static_cast<size_t>(msg->payloadlen))
+                                              : std::string());
+    });
+}
+
+void MqttClient::on_publish(mosquitto *, void *data, int mid)
+{
+    auto *self = static_cast<MqttClient *>(data);
+    guarded("delivered", [&] {
+        if (self->events_.delivered)
+            self->events_.delivered(mid);
+    });
+}
+
+void MqttClient::disconnect(std::function<void()> done)
+{
+    stopping_ = true;
+    if (retry_id_ != 0) {
+        g_source_remove(retry_id_);
+        retry_id_ = 0;
+    }
+    if (source_ == nullptr || mosquitto_disconnect(mosq_) != MOSQ_ERR_SUCCESS) {
+        unwatch_socket();
+        done();
+        return;
+    }
+    // The socket closes once DISCONNECT has been written (lost() then runs).
+    done_ = std::move(done);
+}
+
+bool MqttClient::set_will(const std::string &topic, const std::string &payload, int qos, bool retain)
+{
+    return mosquitto_will_set(mosq_, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
+                              qos, retain) == MOSQ_ERR_SUCCESS;
+}
+
+int MqttClient::publish(const std::string &topic, const std::string &payload, int qos, bool retain)
+{
+    if (!connected_)
+        return -1;
+    int mid = 0;
+    const int rc = mosquitto_publish(mosq_, &mid, topic.c_str(), static_cast<int>(payload.size()),
+                                     payload.data(), qos, retain);
+    return rc == MOSQ_ERR_SUCCESS ? mid : -1;
+}
+
+bool MqttClient::subscribe(const std::string &topic, int qos)
+{
+    return connected_ && mosquitto_subscribe(mosq_, nullptr, topic.c_str(), qos) == MOSQ_ERR_SUCCESS;
+}
+
+} // namespace bridge

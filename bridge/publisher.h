@@ -1,0 +1,99 @@
+// The bridge's MQTT session: what goes out, in which order, with which
+// QoS, retain flag and sequence number, over a Transport.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "cycle.h"
+#include "edge_node.h"
+#include "mqtt.h"
+
+namespace bridge {
+
+// The birth/death counter of the edge node, 0..255, kept in a file of the
+// state directory so that a restarted bridge goes on counting: a host that
+// saw the NDEATH of one session must not mistake it for the next one's.
+class BdSeqFile {
+public:
+    BdSeqFile(std::string state_dir, const std::string &group, const std::string &edge_node);
+    // The value for the next CONNECT (0 the first time, then +1, 255 -> 0),
+    // written before it is used. False with `error` when it cannot be kept.
+    bool next(uint64_t &out, std::string &error);
+    const std::string &path() const { return path_; }
+
+private:
+    std::string dir_;
+    std::string path_;
+};
+
+// What the program drives, whatever the mode.
+class Session {
+public:
+    virtual ~Session() = default;
+    // Before each CONNECT: sets the Will. False with `error` stops the bridge.
+    virtual bool before_connect(std::string &error) = 0;
+    virtual void connected() = 0;
+    virtual void disconnected() {}
+    virtual void cycle(const Cycle &cycle) = 0;
+    virtual void daemon_gone() {}
+    virtual void command(const std::string &topic, const std::string &payload) = 0;
+    // Planned stop: publishes the goodbye (QoS 1). The message id to wait
+    // for before disconnecting, or -1 when there is nothing to wait for.
+    virtual int farewell() = 0;
+    // Messages that could not go out (no broker).
+    uint64_t unsent() const { return unsent_; }
+
+protected:
+    uint64_t unsent_ = 0;
+};
+
+// A Sparkplug B edge node session.
+class SparkplugSession final : public Session {
+public:
+    SparkplugSession(EdgeNode &node, Transport &transport, std::string state_dir);
+
+    bool before_connect(std::string &error) override;
+    void connected() override;
+    void cycle(const Cycle &cycle) override;
+    void daemon_gone() override;
+    void command(const std::string &topic, const std::string &payload) override;
+    int farewell() override;
+
+    std::optional<uint64_t> bd_seq() const { return bd_seq_; }
+
+private:
+    void publish_births();
+    void send(Message &msg);
+    void unsendable(const Message &msg);
+    std::string topic_of(const Message &msg) const;
+
+    EdgeNode &node_;
+    Transport &transport_;
+    BdSeqFile bd_file_;
+    std::optional<uint64_t> bd_seq_; // the Will's, and so the session's
+    uint64_t seq_ = 0;               // the next message's
+};
+
+// JSON mode: a message per device per cycle, and a retained status.
+class JsonSession final : public Session {
+public:
+    JsonSession(const EdgeNodeConfig &ids, std::string prefix, Transport &transport);
+
+    bool before_connect(std::string &error) override;
+    void connected() override;
+    void cycle(const Cycle &cycle) override;
+    void command(const std::string &, const std::string &) override {}
+    int farewell() override;
+
+    uint64_t unparsable() const { return unparsable_; }
+
+private:
+    EdgeNodeConfig ids_;
+    std::string prefix_;
+    Transport &transport_;
+    uint64_t unparsable_ = 0;
+};
+
+} // namespace bridge
