@@ -2,6 +2,7 @@
 
 #include <json-glib/json-glib.h>
 
+#include <charconv>
 #include <cmath>
 #include <memory>
 #include <unordered_set>
@@ -30,13 +31,25 @@ struct GFree {
     void operator()(gchar *p) const { g_free(p); }
 };
 
+// The double a reader should get for a PLC's float: the one nearest to the
+// float's shortest decimal form (21.1f gives 21.1, not 21.100000381469727).
+double as_decimal(float f)
+{
+    char buf[32];
+    const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, f);
+    double d = static_cast<double>(f);
+    if (ec == std::errc())
+        std::from_chars(buf, end, d);
+    return d;
+}
+
 void add_value(JsonBuilder *b, const NodeValue &v)
 {
     const sp::Value &x = v.value;
     if (const auto *u = std::get_if<uint32_t>(&x))
         json_builder_add_int_value(b, integer_of(v.datatype, *u));
     else if (const auto *f = std::get_if<float>(&x); f != nullptr && std::isfinite(*f))
-        json_builder_add_double_value(b, static_cast<double>(*f));
+        json_builder_add_double_value(b, as_decimal(*f));
     else if (const auto *t = std::get_if<bool>(&x))
         json_builder_add_boolean_value(b, *t);
     else if (const auto *s = std::get_if<std::string>(&x))
