@@ -25,15 +25,19 @@ public:
     // Opens or creates the store at `path` with a cap of `max_bytes` on disk.
     // A file that is not a usable store is renamed aside (path + ".corrupt-<time>")
     // and a new one started; `notice` then holds the line to log.
-    // nullptr when not even a new store can be made (`notice` says why).
+    // nullptr when not even a new store can be made, or when another process
+    // has it open (`notice` says why). A cap below 256 KiB is taken as 256 KiB.
+    // One thread uses a Store.
     static std::unique_ptr<Store> open(const std::string &path, uint64_t max_bytes,
                                        std::string *notice);
     ~Store();
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
 
-    // Appends messages in one transaction, in order. When the store would pass
-    // its cap, the oldest go first; their values are added to dropped_values().
+    // Appends messages in one transaction, in order (a batch larger than a
+    // sixteenth of the cap goes in several, in order). When the store would
+    // pass its cap, the oldest go first; their values are added to
+    // dropped_values(), as are those of a message too large to keep at all.
     // False when the disk refused (the caller logs once and goes on).
     struct Item {
         std::string_view topic;
@@ -54,6 +58,8 @@ public:
     uint64_t dropped_values() const;
     // Bytes the store takes on disk now (database, WAL).
     uint64_t disk_bytes() const;
+    // Why the last append, peek or remove failed (for the caller's log line).
+    const std::string &last_error() const;
 
 private:
     struct Impl;

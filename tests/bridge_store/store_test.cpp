@@ -1,0 +1,471 @@
+// The bridge's on-disk queue: order, the cap, files that are not a store,
+// and a process killed while it writes.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "store.h"
+#include "support/test_util.h"
+
+using bridge::Store;
+using bridge::StoredMessage;
+using dstest::TempDir;
+
+namespace {
+
+constexpr uint64_t kMiB = 1024 * 1024;
+
+std::unique_ptr<Store> open_store(const std::string &path, uint64_t cap = 64 * kMiB)
+{
+    std::string notice;
+    auto s = Store::open(path, cap, &notice);
+    EXPECT_TRUE(s) << notice;
+    EXPECT_EQ(notice, "") << "a sound store opens without a notice";
+    return s;
+}
+
+// Message n: its number in the body and topic, n % 7 + 1 values.
+std::string body_of(uint64_t n, size_t size = 16)
+{
+    std::string b = std::to_string(n) + ":";
+    while (b.size() < size)
+        b.push_back(static_cast<char>('a' + (n + b.size()) % 26));
+    return b;
+}
+
+bool append_numbers(Store &s, uint64_t first, uint64_t last, size_t size = 16)
+{
+    std::vector<std::string> bodies;
+    for (uint64_t n = first; n <= last; ++n)
+        bodies.push_back(body_of(n, size));
+    std::vector<Store::Item> items;
+    for (uint64_t n = first; n <= last; ++n)
+        items.push_back({"dev", 1000 + n, static_cast<uint32_t>(n % 7 + 1), bodies[n - first]});
+    return s.append(items);
+}
+
+uint64_t number_of(const StoredMessage &m)
+{
+    return std::stoull(m.body.substr(0, m.body.find(':')));
+}
+
+// The numbers stored, oldest first; also checks that ids strictly increase.
+std::vector<uint64_t> numbers(const Store &s)
+{
+    std::vector<uint64_t> out;
+    int64_t last_id = 0;
+    for (const auto &m : s.peek(SIZE_MAX)) {
+        EXPECT_GT(m.id, last_id);
+        last_id = m.id;
+        out.push_back(number_of(m));
+    }
+    return out;
+}
+
+// The numbers first..last, for comparing with what is stored.
+std::vector<uint64_t> range(uint64_t first, uint64_t last)
+{
+    std::vector<uint64_t> v;
+    for (uint64_t n = first; n <= last; ++n)
+        v.push_back(n);
+    return v;
+}
+
+uint64_t size_on_disk(const std::string &path)
+{
+    uint64_t total = 0;
+    for (const char *suffix : {"", "-wal", "-shm", "-journal"}) {
+        struct stat st{};
+        if (stat((path + suffix).c_str(), &st) == 0)
+            total += static_cast<uint64_t>(st.st_size);
+    }
+    return total;
+}
+
+uint64_t values_of(uint64_t first, uint64_t last)
+{
+    uint64_t v = 0;
+    for (uint64_t n = first; n <= last; ++n)
+        v += n % 7 + 1;
+    return v;
+}
+
+} // namespace
+
+TEST(StoreQueue, KeepsMessagesInOrderThroughPeekRemoveAndReopen)
+{
+    TempDir dir;
+    const std::string path = dir.file("store.db");
+    {
+        auto s = open_store(path);
+        ASSERT_TRUE(s);
+        EXPECT_TRUE(s->empty());
+        EXPECT_TRUE(s->peek(10).empty());
+
+        // Every field comes back as given: bodies are bytes (NULs and all),
+        // topics any UTF-8, timestamps the full millisecond range.
+        const std::string binary("\x08\x00\xff\x12\x00", 5);
+        ASSERT_TRUE(s->append({{"spBv1.0/g/DDATA/e/Pumpe Süd", 1'700'000'000'123, 3, binary},
+                               {"dev-2", UINT64_C(1) << 62, 0, ""}}));
+        auto got = s->peek(10);
+        ASSERT_EQ(got.size(), 2u);
+        EXPECT_EQ(got[0].topic, "spBv1.0/g/DDATA/e/Pumpe Süd");
+        EXPECT_EQ(got[0].timestamp_ms, 1'700'000'000'123u);
+        EXPECT_EQ(got[0].values, 3u);
+        EXPECT_EQ(got[0].body, binary);
+        EXPECT_EQ(got[1].timestamp_ms, UINT64_C(1) << 62);
+        EXPECT_EQ(got[1].body, "");
+        EXPECT_LT(got[0].id, got[1].id);
+        ASSERT_TRUE(s->remove_through(got[1].id));
+        EXPECT_TRUE(s->empty());
+
+        // Ids keep rising after the store empties: an id the publisher
+        // still holds can never name a newer message.
+        const int64_t before = got[1].id;
+        ASSERT_TRUE(append_numbers(*s, 1, 300));
+        EXPECT_EQ(s->count(), 300u);
+        got = s->peek(100);
+        ASSERT_EQ(got.size(), 100u);
+        EXPECT_GT(got[0].id, before);
+        EXPECT_EQ(number_of(got[0]), 1u);
+        EXPECT_EQ(number_of(got[99]), 100u);
+        ASSERT_TRUE(s->remove_through(got[49].id));
+        EXPECT_EQ(s->count(), 250u);
+        EXPECT_EQ(number_of(s->peek(1).at(0)), 51u);
+        // Removing through an id already gone changes nothing.
+        ASSERT_TRUE(s->remove_through(got[10].id));
+        EXPECT_EQ(s->count(), 250u);
+        ASSERT_TRUE(append_numbers(*s, 301, 320));
+        EXPECT_EQ(s->dropped_values(), 0u);
+    }
+    auto s = open_store(path);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->count(), 270u);
+    EXPECT_EQ(numbers(*s), range(51, 320));
+    EXPECT_EQ(s->peek(1).at(0).timestamp_ms, 1051u);
+}
+
+TEST(StoreCap, DropsOldestFirstCountsThemAndStaysWithinTheCap)
+{
+    TempDir dir;
+    const std::string path = dir.file("store.db");
+    const uint64_t cap = 2 * kMiB;
+    uint64_t next = 1;
+    uint64_t largest = 0;
+    {
+        auto s = open_store(path, cap);
+        ASSERT_TRUE(s);
+        // Messages of mixed sizes (some with overflow pages), appended in
+        // batches, with a replay now and then removing the oldest: freed
+        // pages must be reused, never added to the file past the cap.
+        for (int round = 0; round < 500; ++round) {
+            const size_t size = 40 + static_cast<size_t>(round * 997 % 6000);
+            const uint64_t batch = 1 + static_cast<uint64_t>(round % 9);
+            ASSERT_TRUE(append_numbers(*s, next, next + batch - 1, size)) << s->last_error();
+            next += batch;
+            if (round % 50 == 49) {
+                auto head = s->peek(5);
+                ASSERT_TRUE(s->remove_through(head.back().id));
+            }
+            largest = std::max(largest, size_on_disk(path));
+            ASSERT_LE(size_on_disk(path), cap) << "round " << round;
+            ASSERT_EQ(s->disk_bytes(), size_on_disk(path));
+        }
+        // What is left is the newest, with no gap; everything older either
+        // went out through remove_through or counts as dropped.
+        const auto kept = numbers(*s);
+        ASSERT_FALSE(kept.empty());
+        EXPECT_EQ(kept, range(kept.front(), next - 1));
+        EXPECT_EQ(s->count(), kept.size());
+        const uint64_t removed_values = s->dropped_values();
+        EXPECT_GT(removed_values, values_of(1, kept.front() - 1) - 10 * 7 * 5);
+        EXPECT_LE(removed_values, values_of(1, kept.front() - 1));
+        // A message alone larger than the cap allows cannot be kept: it
+        // counts as dropped and the store goes on.
+        const std::string huge(cap, 'x');
+        ASSERT_TRUE(s->append({{"dev", 1, 1000, huge}}));
+        EXPECT_EQ(s->dropped_values(), removed_values + 1000);
+        EXPECT_EQ(numbers(*s), kept);
+    }
+    // The figure is on disk with the messages.
+    {
+        std::string notice;
+        auto s = Store::open(path, cap, &notice);
+        ASSERT_TRUE(s) << notice;
+        EXPECT_GT(s->dropped_values(), 1000u);
+        EXPECT_EQ(numbers(*s).back(), next - 1);
+        EXPECT_GT(largest, cap * 3 / 4) << "the cap should have been used";
+    }
+    // Opened with a smaller cap, the oldest go and the file shrinks to fit.
+    auto s = open_store(path, cap / 2);
+    ASSERT_TRUE(s);
+    EXPECT_LE(size_on_disk(path), cap / 2);
+    const auto kept = numbers(*s);
+    ASSERT_FALSE(kept.empty());
+    EXPECT_EQ(kept, range(kept.front(), next - 1));
+}
+
+TEST(StoreCap, ManyOneValueMessagesStayWithinTheCap)
+{
+    TempDir dir;
+    const std::string path = dir.file("store.db");
+    const uint64_t cap = 256 * 1024;
+    auto s = open_store(path, cap);
+    ASSERT_TRUE(s);
+    // 20,000 small messages in batches larger than the WAL's share: the
+    // store splits them and still never passes the cap.
+    uint64_t next = 1;
+    for (int round = 0; round < 10; ++round) {
+        ASSERT_TRUE(append_numbers(*s, next, next + 1999, 30)) << s->last_error();
+        next += 2000;
+        ASSERT_LE(size_on_disk(path), cap);
+    }
+    const auto kept = numbers(*s);
+    EXPECT_EQ(kept, range(kept.front(), next - 1));
+    EXPECT_GT(kept.size(), 1000u);
+    EXPECT_EQ(s->dropped_values(), values_of(1, kept.front() - 1));
+}
+
+namespace {
+
+std::string read_bytes(const std::string &path)
+{
+    return dstest::read_file(path);
+}
+
+void make_sqlite(const std::string &path, const char *sql)
+{
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+    sqlite3_close(db);
+}
+
+// A store of 4,000 messages of 300 bytes, closed.
+void make_full_store(const std::string &path)
+{
+    auto s = open_store(path);
+    ASSERT_TRUE(s);
+    ASSERT_TRUE(append_numbers(*s, 1, 4000, 300));
+}
+
+// Overwrites `len` bytes at `offset` with a pattern that is no page.
+void scribble(const std::string &path, size_t offset, size_t len)
+{
+    std::string bytes = read_bytes(path);
+    ASSERT_LE(offset + len, bytes.size());
+    for (size_t i = 0; i < len; ++i)
+        bytes[offset + i] = static_cast<char>(0x5a ^ (i * 31));
+    dstest::write_file(path, bytes);
+}
+
+} // namespace
+
+TEST(StoreRecovery, FileThatIsNoStoreIsSetAsideAndANewStoreStarts)
+{
+    struct Case {
+        const char *name;
+        std::function<void(const std::string &)> make;
+    };
+    const std::vector<Case> cases = {
+        {"garbage bytes",
+         [](const std::string &p) {
+             std::string junk;
+             for (int i = 0; i < 20000; ++i)
+                 junk.push_back(static_cast<char>(i * 7919 >> 3));
+             dstest::write_file(p, junk);
+         }},
+        {"garbage with a leftover WAL",
+         [](const std::string &p) {
+             dstest::write_file(p, std::string(8192, '\x42'));
+             dstest::write_file(p + "-wal", std::string(4096, '\x17'));
+         }},
+        {"truncated store",
+         [](const std::string &p) {
+             make_full_store(p);
+             const std::string bytes = read_bytes(p);
+             dstest::write_file(p, bytes.substr(0, bytes.size() / 2));
+         }},
+        {"pages overwritten", [](const std::string &p) {
+             make_full_store(p);
+             scribble(p, 4096 * 20 + 100, 3000);
+         }},
+        {"database of another program",
+         [](const std::string &p) { make_sqlite(p, "CREATE TABLE readings(t, v);"); }},
+        {"store without its tables",
+         [](const std::string &p) {
+             make_sqlite(p, "PRAGMA application_id=1146307154; PRAGMA user_version=1;"
+                            "CREATE TABLE messages(id INTEGER PRIMARY KEY, x);");
+         }},
+        {"store of a later version", [](const std::string &p) {
+             make_full_store(p);
+             make_sqlite(p, "PRAGMA user_version=7;");
+         }},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir dir;
+        const std::string path = dir.file("store.db");
+        c.make(path);
+        const std::string original = read_bytes(path);
+        std::string notice;
+        auto s = Store::open(path, 64 * kMiB, &notice);
+        ASSERT_TRUE(s) << notice;
+        EXPECT_NE(notice.find("is not usable"), std::string::npos) << notice;
+        // The notice names where the old file went, and it went whole.
+        const auto at = notice.find("set aside as ");
+        ASSERT_NE(at, std::string::npos) << notice;
+        const std::string aside = notice.substr(at + 13, notice.find(',', at) - at - 13);
+        EXPECT_EQ(aside.rfind(path + ".corrupt-", 0), 0u) << aside;
+        EXPECT_TRUE(read_bytes(aside) == original) << "the file set aside differs";
+        EXPECT_TRUE(s->empty());
+        EXPECT_EQ(s->dropped_values(), 0u);
+        ASSERT_TRUE(append_numbers(*s, 1, 10));
+        s.reset();
+        auto again = open_store(path);
+        ASSERT_TRUE(again);
+        EXPECT_EQ(numbers(*again), range(1, 10));
+    }
+}
+
+TEST(StoreRecovery, EmptyFileIsANewStoreAndAStoreInUseIsLeftAlone)
+{
+    TempDir dir;
+    const std::string path = dir.file("store.db");
+    dstest::write_file(path, "");
+    auto first = open_store(path);
+    ASSERT_TRUE(first);
+    ASSERT_TRUE(append_numbers(*first, 1, 5));
+
+    // A second bridge on the same state directory: refused, nothing renamed.
+    std::string notice;
+    EXPECT_FALSE(Store::open(path, 64 * kMiB, &notice));
+    EXPECT_NE(notice.find("in use"), std::string::npos) << notice;
+    first.reset();
+    auto again = open_store(path);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(numbers(*again), range(1, 5));
+
+    // No directory to make it in: no store, and a reason.
+    EXPECT_FALSE(Store::open(dir.file("missing/store.db"), 64 * kMiB, &notice));
+    EXPECT_NE(notice.find("cannot create"), std::string::npos) << notice;
+}
+
+namespace {
+
+// What a killed writer had reported as done, read from its pipe.
+struct Reports {
+    uint64_t appended = 0;      // highest number whose append returned
+    uint64_t removed = 0;       // highest number whose removal returned
+};
+
+// The child: opens the store, then forever appends the next number and,
+// once 40 are waiting, removes the oldest few, reporting each step that
+// returned as 'a' or 'r' with the number.
+[[noreturn]] void writer(const std::string &path, int fd)
+{
+    std::string notice;
+    auto s = Store::open(path, 4 * kMiB, &notice);
+    if (!s)
+        _exit(2);
+    auto stored = s->peek(SIZE_MAX);
+    uint64_t next = stored.empty() ? 1 : number_of(stored.back()) + 1;
+    for (;; ++next) {
+        if (!append_numbers(*s, next, next, 200))
+            _exit(3);
+        char line[32];
+        int n = snprintf(line, sizeof line, "a%llu\n", static_cast<unsigned long long>(next));
+        if (write(fd, line, static_cast<size_t>(n)) != n)
+            _exit(4);
+        if (s->count() > 40) {
+            auto head = s->peek(3);
+            if (!s->remove_through(head.back().id))
+                _exit(5);
+            n = snprintf(line, sizeof line, "r%llu\n",
+                         static_cast<unsigned long long>(number_of(head.back())));
+            if (write(fd, line, static_cast<size_t>(n)) != n)
+                _exit(4);
+        }
+    }
+}
+
+// Runs the writer until it has reported `steps` lines, kills it, and
+// returns the last of its reports.
+Reports kill_writer_after(const std::string &path, int steps)
+{
+    Reports r;
+    int fds[2];
+    if (pipe(fds) != 0) {
+        ADD_FAILURE() << "pipe";
+        return r;
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        writer(path, fds[1]);
+    }
+    close(fds[1]);
+    std::string pending;
+    int seen = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (seen < steps && std::chrono::steady_clock::now() < deadline) {
+        pollfd p{fds[0], POLLIN, 0};
+        if (poll(&p, 1, 1000) <= 0)
+            continue;
+        char buf[4096];
+        const ssize_t n = read(fds[0], buf, sizeof buf);
+        if (n <= 0)
+            break;
+        pending.append(buf, static_cast<size_t>(n));
+        size_t eol;
+        while ((eol = pending.find('\n')) != std::string::npos) {
+            const uint64_t num = std::stoull(pending.substr(1, eol - 1));
+            (pending[0] == 'a' ? r.appended : r.removed) = num;
+            pending.erase(0, eol + 1);
+            ++seen;
+        }
+    }
+    kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(fds[0]);
+    EXPECT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
+    EXPECT_EQ(seen >= steps, true) << "the writer reported only " << seen;
+    return r;
+}
+
+} // namespace
+
+TEST(StoreCrash, WriterKilledWhileAppendingAndRemovingLosesNothingCommitted)
+{
+    TempDir dir;
+    const std::string path = dir.file("store.db");
+    // Killed at different moments, restarted on the same store each time.
+    for (int steps : {150, 401, 977}) {
+        SCOPED_TRACE(steps);
+        const Reports r = kill_writer_after(path, steps);
+        auto s = open_store(path, 4 * kMiB);
+        ASSERT_TRUE(s);
+        const auto kept = numbers(*s);
+        ASSERT_FALSE(kept.empty());
+        // A gap-free run: nothing reported as appended is missing, at most
+        // the one being committed at the kill is there too; the oldest is
+        // right after what was reported removed (or the removal in flight).
+        EXPECT_EQ(kept, range(kept.front(), kept.back()));
+        EXPECT_GE(kept.back(), r.appended);
+        EXPECT_LE(kept.back(), r.appended + 1);
+        EXPECT_GE(kept.front(), r.removed + 1);
+        EXPECT_LE(kept.front(), r.removed + 4);
+    }
+}
