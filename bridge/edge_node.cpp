@@ -109,12 +109,14 @@ std::vector<EdgeNode::Reading> EdgeNode::readings(const DeviceReading &device)
         // daemon does not keep node names unique, their addresses tell
         // them apart. (A wrong pairing cannot last: the address is part of
         // the birth, so a mix-up shows as a changed set.)
-        std::string name = !n.name.empty() ? n.name : !n.addr.empty() ? n.addr : "node";
-        if (taken.count(folded(name)) != 0)
+        const std::string &given = !n.name.empty() ? n.name : n.addr;
+        std::string name = !given.empty() ? given : "node";
+        if (!taken.insert(folded(name)).second) {
             name += " (" + n.addr + ")";
-        for (unsigned k = 2; taken.count(folded(name)) != 0; ++k)
-            name = (n.name.empty() ? n.addr : n.name) + " (" + n.addr + ") #" + std::to_string(k);
-        taken.insert(folded(name));
+            for (unsigned k = 2; !taken.insert(folded(name)).second; ++k)
+                name = (given.empty() ? std::string("node") : given) + " (" + n.addr + ") #" +
+                       std::to_string(k);
+        }
         r.metric = std::move(name);
         NodeValue v = node_value(n.data_type, n.value);
         if (!v.parsed)
