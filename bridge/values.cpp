@@ -7,6 +7,9 @@ namespace bridge {
 
 namespace {
 
+// The longest value text a driver can write (its buffer holds 32 bytes).
+constexpr size_t kValueTextMax = 31;
+
 std::string_view trimmed(std::string_view s)
 {
     while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
@@ -97,6 +100,12 @@ NodeValue node_value(uint32_t node_type, std::string_view text)
     }
     case NodeFloat: {
         const std::string_view s = trimmed(text);
+        // Drivers print floats with "%f" into the node's 32-byte buffer: from
+        // 1e30 on the text ends before its decimal point, and beyond that the
+        // integer digits themselves are cut: what is left reads as a number
+        // many times too small.
+        if (s.size() >= kValueTextMax && s.find_first_of(".eEnN") == std::string_view::npos)
+            return r;
         float f = 0;
         const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), f);
         // A number beyond float's range is no reading of a 32-bit register.

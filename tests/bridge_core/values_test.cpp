@@ -79,6 +79,10 @@ TEST(NodeValues, EveryNodeTypeWithItsEdges)
         {NodeFloat, "-0.125000", sp::Float, -0.125f},
         {NodeFloat, "3", sp::Float, 3.0f},
         {NodeFloat, "1e60", sp::Float, {}},
+        {NodeFloat, "-inf", sp::Float, -INFINITY},
+        // 1e24f with "%f" fits 31 characters; 1e36f is cut there.
+        {NodeFloat, "999999995904443918750720.000000", sp::Float, 1e24f},
+        {NodeFloat, "1000000040918478759629753193452", sp::Float, {}},
         // String: the text itself, whatever it is.
         {NodeString, "AB-12", sp::String, std::string("AB-12")},
         {NodeString, "", sp::String, std::string()},
@@ -109,9 +113,11 @@ TEST(NodeValues, SurroundingBlanksAndNotANumber)
 {
     EXPECT_EQ(shown(node_value(NodeU16, " 12 ").value), "u32:12");
     // A NaN is what the register holds: it reads, and stays a NaN.
-    const NodeValue nan = node_value(NodeFloat, "nan");
-    ASSERT_TRUE(nan.parsed);
-    EXPECT_TRUE(std::isnan(std::get<float>(nan.value)));
+    for (const char *text : {"nan", "-nan"}) {
+        const NodeValue nan = node_value(NodeFloat, text);
+        ASSERT_TRUE(nan.parsed) << text;
+        EXPECT_TRUE(std::isnan(std::get<float>(nan.value))) << text;
+    }
 }
 
 TEST(NodeValues, WirePatternsReadBackAsTheirNumbers)
