@@ -150,6 +150,11 @@ TEST(EdgeNode, DeletedDeviceDiesAndOrderWithinACycle)
     EXPECT_EQ(en.alive_devices(), (Lines{"press", "pump"}));
     EXPECT_EQ(lines(en.on_cycle(cycle(3000, {press("6", "20.500000", "1"), oven("2")}))),
               (Lines{"DDEATH g/e/pump no seq: no metrics", "DBIRTH g/e/oven no seq: t=2 (Int16) @VW0"}));
+    // Another device under the same name and nodes is still another device.
+    DeviceReading other = oven("2");
+    other.dev_id = 9;
+    EXPECT_EQ(lines(en.on_cycle(cycle(4000, {press("6", "20.500000", "1"), other}))),
+              (Lines{"DBIRTH g/e/oven no seq: t=2 (Int16) @VW0"}));
 }
 
 TEST(EdgeNode, ChangedMetricSetIsANewBirth)
