@@ -116,6 +116,8 @@ int run_client(Program &prog)
         fprintf(stderr, "device-service-bridge: %s\n", error.c_str());
         return EXIT_OPTIONS;
     }
+    if (prog.rc != EXIT_DONE) // the first attempt already failed for good
+        return prog.rc;
     g_unix_signal_add(SIGINT, on_stop_signal, &prog);
     g_unix_signal_add(SIGTERM, on_stop_signal, &prog);
     g_main_loop_run(prog.loop.get());

@@ -25,6 +25,14 @@ uint64_t now_ms()
 
 } // namespace
 
+void Session::report_unsent()
+{
+    if (unsent_ != 0)
+        g_message("%llu message%s could not be published while the broker was away",
+                  static_cast<unsigned long long>(unsent_), unsent_ == 1 ? "" : "s");
+    unsent_ = 0;
+}
+
 BdSeqFile::BdSeqFile(std::string state_dir, const std::string &group, const std::string &edge_node)
     : dir_(std::move(state_dir)), path_(dir_ + "/bdseq-" + group + "-" + edge_node)
 {
@@ -100,10 +108,7 @@ void SparkplugSession::connected()
     // request is heard.
     transport_.subscribe(sp::topic(c.group, sp::MsgType::NCMD, c.edge_node), QOS_COMMAND);
     transport_.subscribe(sp::topic(c.group, sp::MsgType::DCMD, c.edge_node, "+"), QOS_COMMAND);
-    if (unsent_ != 0)
-        g_message("%llu messages could not be published while the broker was away",
-                  static_cast<unsigned long long>(unsent_));
-    unsent_ = 0;
+    report_unsent();
     publish_births();
 }
 
@@ -183,10 +188,7 @@ bool JsonSession::before_connect(std::string &error)
 
 void JsonSession::connected()
 {
-    if (unsent_ != 0)
-        g_message("%llu messages could not be published while the broker was away",
-                  static_cast<unsigned long long>(unsent_));
-    unsent_ = 0;
+    report_unsent();
     transport_.publish(prefix_ + "/status", "online", QOS_DEATH, true);
 }
 

@@ -46,6 +46,8 @@ public:
     uint64_t unsent() const { return unsent_; }
 
 protected:
+    // At the start of a session: how much the gap cost, once.
+    void report_unsent();
     uint64_t unsent_ = 0;
 };
 

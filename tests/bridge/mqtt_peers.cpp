@@ -1,0 +1,237 @@
+#include "mqtt_peers.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <mosquitto.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace bridgetest {
+
+using dstest::read_file;
+using dstest::wait_until;
+
+Child::Child(std::vector<std::string> args, const std::string &dir, const std::string &name)
+    : out_path_(dir + "/" + name + ".out"), err_path_(dir + "/" + name + ".err")
+{
+    // Everything the child needs is made before fork: after it, only calls
+    // that are safe in a copy of a threaded process.
+    std::vector<char *> argv;
+    for (auto &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(out, 1);
+        dup2(err, 2);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(out);
+    close(err);
+}
+
+Child::~Child()
+{
+    if (pid_ > 0 && !reaped_) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status_, 0);
+    }
+}
+
+void Child::signal(int signo)
+{
+    if (pid_ > 0 && !reaped_)
+        kill(pid_, signo);
+}
+
+int Child::wait_exit(std::chrono::milliseconds timeout)
+{
+    if (!reaped_ && !wait_until([&] { return waitpid(pid_, &status_, WNOHANG) == pid_; }, timeout, 5ms))
+        return -1;
+    reaped_ = true;
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
+}
+
+bool Child::running()
+{
+    return !reaped_ && wait_exit(0ms) == -1;
+}
+
+std::string Child::out() const
+{
+    return read_file(out_path_);
+}
+
+std::string Child::err() const
+{
+    return read_file(err_path_);
+}
+
+bool Child::wait_err(const std::string &needle, std::chrono::milliseconds timeout, size_t occurrences) const
+{
+    return wait_until([&] { return dstest::count_of(err(), needle) >= occurrences; }, timeout);
+}
+
+namespace {
+
+uint16_t free_port()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    uint16_t port = 0;
+    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
+        port = ntohs(a.sin_port);
+    close(fd);
+    return port;
+}
+
+bool accepts(uint16_t port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(port);
+    const bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
+    close(fd);
+    return ok;
+}
+
+void library_once()
+{
+    struct Library {
+        Library() { mosquitto_lib_init(); }
+        ~Library() { mosquitto_lib_cleanup(); }
+    };
+    static Library library;
+}
+
+} // namespace
+
+Broker::Broker(bool allow_anonymous) : anonymous_(allow_anonymous) {}
+
+Broker::~Broker()
+{
+    stop();
+}
+
+bool Broker::start()
+{
+    // A free port may be taken by someone else before mosquitto binds it:
+    // then another one, unless the port must stay the same.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (starts_ == 0)
+            port_ = free_port();
+        const std::string conf = dir_.file("mosquitto.conf");
+        dstest::write_file(conf, "listener " + std::to_string(port_) + " 127.0.0.1\n" +
+                                     "allow_anonymous " + (anonymous_ ? "true" : "false") + "\n" +
+                                     "persistence false\n");
+        proc_ = std::make_unique<Child>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", conf},
+                                        dir_.path(), "mosquitto" + std::to_string(starts_));
+        if (wait_until([&] { return accepts(port_) || !proc_->running(); }, 5s) && proc_->running()) {
+            ++starts_;
+            return true;
+        }
+        proc_.reset();
+    }
+    return false;
+}
+
+void Broker::stop()
+{
+    if (proc_) {
+        proc_->signal(SIGTERM);
+        if (proc_->wait_exit(5s) == -1)
+            proc_->signal(SIGKILL);
+        proc_.reset();
+    }
+}
+
+Subscriber::Subscriber(uint16_t port, std::string filter) : filter_(std::move(filter))
+{
+    library_once();
+    mosq_ = mosquitto_new(nullptr, true, this);
+    mosquitto_connect_callback_set(mosq_, &Subscriber::on_connect);
+    mosquitto_subscribe_callback_set(mosq_, &Subscriber::on_subscribe);
+    mosquitto_message_callback_set(mosq_, &Subscriber::on_message);
+    mosquitto_connect(mosq_, "127.0.0.1", port, 30);
+    mosquitto_loop_start(mosq_);
+}
+
+Subscriber::~Subscriber()
+{
+    mosquitto_disconnect(mosq_);
+    mosquitto_loop_stop(mosq_, true);
+    mosquitto_destroy(mosq_);
+}
+
+void Subscriber::on_connect(mosquitto *m, void *self, int rc)
+{
+    if (rc == 0)
+        mosquitto_subscribe(m, nullptr, static_cast<Subscriber *>(self)->filter_.c_str(), 1);
+}
+
+void Subscriber::on_subscribe(mosquitto *, void *data, int, int, const int *)
+{
+    auto *self = static_cast<Subscriber *>(data);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->subscribed_ = true;
+}
+
+void Subscriber::on_message(mosquitto *, void *data, const mosquitto_message *msg)
+{
+    auto *self = static_cast<Subscriber *>(data);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->messages_.push_back({msg->topic,
+                               std::string(static_cast<const char *>(msg->payload),
+                                           static_cast<size_t>(msg->payloadlen)),
+                               msg->retain});
+}
+
+bool Subscriber::ready(std::chrono::milliseconds timeout)
+{
+    return wait_until(
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex_);
+            return subscribed_;
+        },
+        timeout);
+}
+
+std::vector<Received> Subscriber::messages() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return messages_;
+}
+
+size_t Subscriber::count() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return messages_.size();
+}
+
+bool Subscriber::wait(const std::function<bool(const std::vector<Received> &)> &pred,
+                      std::chrono::milliseconds timeout) const
+{
+    return wait_until([&] { return pred(messages()); }, timeout);
+}
+
+bool Subscriber::publish(const std::string &topic, const std::string &payload, int qos)
+{
+    return mosquitto_publish(mosq_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                             payload.data(), qos, false) == MOSQ_ERR_SUCCESS;
+}
+
+} // namespace bridgetest

@@ -1,0 +1,104 @@
+// The bridge's peers in the tests: a real mosquitto broker on a free
+// loopback port, a subscriber that records what reaches it, and programs
+// run as child processes with their output kept in files.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/test_util.h"
+
+struct mosquitto;
+struct mosquitto_message;
+
+namespace bridgetest {
+
+using namespace std::chrono_literals;
+
+// A program run with `args` (args[0] is its path); stdout and stderr go to
+// files under `dir`. Killed (SIGKILL) and reaped on destruction.
+class Child {
+public:
+    Child(std::vector<std::string> args, const std::string &dir, const std::string &name);
+    ~Child();
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+
+    void signal(int signo);
+    // Exit status, 128 + signal when killed, -1 when it did not end in time.
+    int wait_exit(std::chrono::milliseconds timeout = 10s);
+    bool running();
+    std::string out() const;
+    std::string err() const;
+    bool wait_err(const std::string &needle, std::chrono::milliseconds timeout = 10s,
+                  size_t occurrences = 1) const;
+
+private:
+    pid_t pid_ = -1;
+    int status_ = 0;
+    bool reaped_ = false;
+    std::string out_path_, err_path_;
+};
+
+// mosquitto on 127.0.0.1 at a free port, anonymous unless told otherwise,
+// without persistence.
+class Broker {
+public:
+    explicit Broker(bool allow_anonymous = true);
+    ~Broker();
+    bool start();          // on a new free port the first time, the same port again after stop()
+    void stop();
+    uint16_t port() const { return port_; }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+private:
+    dstest::TempDir dir_;
+    bool anonymous_;
+    uint16_t port_ = 0;
+    int starts_ = 0;
+    std::unique_ptr<Child> proc_;
+};
+
+struct Received {
+    std::string topic;
+    std::string payload;
+    bool retained = false;
+};
+
+// A libmosquitto client on a thread of its own, subscribed to `filter`
+// from its CONNACK on; records every message.
+class Subscriber {
+public:
+    Subscriber(uint16_t port, std::string filter);
+    ~Subscriber();
+    Subscriber(const Subscriber &) = delete;
+    Subscriber &operator=(const Subscriber &) = delete;
+
+    // Waits for the subscription to be acknowledged.
+    bool ready(std::chrono::milliseconds timeout = 5s);
+    std::vector<Received> messages() const;
+    size_t count() const;
+    // Waits until `pred` holds for the messages received so far.
+    bool wait(const std::function<bool(const std::vector<Received> &)> &pred,
+              std::chrono::milliseconds timeout = 10s) const;
+    bool publish(const std::string &topic, const std::string &payload, int qos = 1);
+
+private:
+    static void on_connect(mosquitto *, void *, int);
+    static void on_subscribe(mosquitto *, void *, int, int, const int *);
+    static void on_message(mosquitto *, void *, const mosquitto_message *);
+
+    std::string filter_;
+    mosquitto *mosq_ = nullptr;
+    mutable std::mutex mutex_;
+    std::vector<Received> messages_;
+    bool subscribed_ = false;
+};
+
+} // namespace bridgetest
