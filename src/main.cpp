@@ -3,7 +3,8 @@
 // database; the command line is ignored.
 #include "service/service.h"
 
-int main(int /*argc*/, char ** /*argv*/)
+int main(int /*argc*/, char **argv)
 {
+    use_plain_malloc(argv);
     return service_main(service_paths{});
 }

@@ -3,6 +3,11 @@
 #include <glib.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <string>
+
+#include "acquisition/node_array.h"
+
 #include "device/driver/driver.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"
@@ -11,7 +16,8 @@
 
 namespace {
 
-// Waits out a configuration change that is still running (flag 1).
+// Waits out a configuration change that is still running (flag 1). Called
+// with the lock released: a handler holds it for the whole change.
 void wait_change_done()
 {
     while (List_Change_Flag.load() == 1)
@@ -33,19 +39,37 @@ plc_device *copy_device(const plc_device *dev)
 
 enum class pass_result { done, aborted };
 
+// What one read needs from a node, copied under the lock into buffers that
+// keep their memory from node to node and cycle to cycle.
+struct node_read {
+    std::string name;
+    std::string addr;
+    uint32_t data_type = 0;
+    char value[NODE_VALUE_SIZE] = {};
+
+    void take(const node *live)
+    {
+        name.assign(live->node_name.c_str(), live->node_name.size());
+        addr.assign(live->node_addr.c_str(), live->node_addr.size());
+        data_type = live->node_data_type;
+        memset(value, 0, sizeof value);
+    }
+};
+
 // Reads the nodes of one opened device. Only nodes the device owns are
 // copied: the per-node cost does not grow with other devices' nodes beyond
 // an id comparison under the lock.
-pass_result read_device_nodes(plc_device *dev, GVariantBuilder *nodes)
+pass_result read_device_nodes(plc_device *dev, node_read &rd, node_array_writer &nodes)
 {
     GList *cur = nullptr;
     bool first = true;
     for (;;) {
-        node *copy = nullptr;
+        bool mine = false;
         {
             std::unique_lock<std::mutex> lock(node_table_slist_mutex);
             if (List_Change_Flag.load() != 0) {
                 g_print("-----------------Abort 1-------------------------\n");
+                lock.unlock();
                 wait_change_done();
                 return pass_result::aborted;
             }
@@ -56,19 +80,18 @@ pass_result read_device_nodes(plc_device *dev, GVariantBuilder *nodes)
             if (cur == nullptr)
                 return pass_result::done;
             const auto *live = static_cast<const node *>(cur->data);
-            if (live->dev_id == dev->dev_id)
-                copy = node_copy(live);
-        }
-        if (copy != nullptr) {
-            if (dev->driver->read(dev, copy->node_addr.c_str(), copy->node_data_type,
-                                  copy->value) != 0) {
-                g_warning("%s:%d %s = NULL\n", "read_PLC_nodes_3", 665, copy->node_addr.c_str());
-            } else {
-                copy->value[NODE_VALUE_SIZE - 1] = '\0';
-                g_variant_builder_add(nodes, "(ssus)", copy->node_name.c_str(),
-                                      copy->node_addr.c_str(), copy->node_data_type, copy->value);
+            if (live->dev_id == dev->dev_id) {
+                rd.take(live);
+                mine = true;
             }
-            node_free(copy);
+        }
+        if (mine) {
+            if (dev->driver->read(dev, rd.addr.c_str(), rd.data_type, rd.value) != 0) {
+                g_warning("%s:%d %s = NULL\n", "read_PLC_nodes_3", 665, rd.addr.c_str());
+            } else {
+                rd.value[NODE_VALUE_SIZE - 1] = '\0';
+                nodes.add(rd.name.c_str(), rd.addr.c_str(), rd.data_type, rd.value);
+            }
         }
         if (List_Change_Flag.load() != 0) {
             g_print("-----------------Abort 2-------------------------\n");
@@ -78,8 +101,14 @@ pass_result read_device_nodes(plc_device *dev, GVariantBuilder *nodes)
     }
 }
 
+// The buffers of the reading thread, reused from cycle to cycle.
+struct cycle_buffers {
+    node_read rd;
+    node_array_writer nodes;
+};
+
 // One cycle; true when it completed and was emitted.
-bool run_cycle()
+bool run_cycle(cycle_buffers &buf)
 {
     g_message("read nodes table :\n");
     List_Change_Flag.store(0);
@@ -94,6 +123,7 @@ bool run_cycle()
             std::unique_lock<std::mutex> lock(node_table_slist_mutex);
             if (List_Change_Flag.load() != 0) {
                 g_print("-----------------Abort 0-------------------------\n");
+                lock.unlock();
                 wait_change_done();
                 g_variant_builder_clear(&cycle);
                 return false;
@@ -109,20 +139,18 @@ bool run_cycle()
             dev->driver = live->driver;
         }
 
-        GVariantBuilder nodes;
-        g_variant_builder_init(&nodes, G_VARIANT_TYPE("a(ssus)"));
+        buf.nodes.clear();
         if (dev->driver->open(dev) == 0) {
-            if (read_device_nodes(dev, &nodes) == pass_result::aborted) {
+            if (read_device_nodes(dev, buf.rd, buf.nodes) == pass_result::aborted) {
                 dev->driver->release(dev);
                 device_free(dev);
-                g_variant_builder_clear(&nodes);
                 g_variant_builder_clear(&cycle);
                 return false;
             }
             dev->driver->release(dev);
         }
         g_variant_builder_add(&cycle, "(usuu@v)", dev->dev_id, dev->dev_name.c_str(), dev->dev_mfg,
-                              dev->dev_type, g_variant_new_variant(g_variant_builder_end(&nodes)));
+                              dev->dev_type, g_variant_new_variant(buf.nodes.end()));
         device_free(dev);
 
         if (List_Change_Flag.load() != 0) {
@@ -146,8 +174,9 @@ bool run_cycle()
 
 void read_PLC_nodes_3()
 {
+    cycle_buffers buf;
     for (;;) {
-        if (run_cycle())
+        if (run_cycle(buf))
             sleep(scan_interval.load());
     }
 }

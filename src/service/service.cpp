@@ -1,6 +1,7 @@
 #include "service/service.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <glib-unix.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -95,8 +96,33 @@ void on_name_lost(GDBusConnection * /*connection*/, const gchar *name, gpointer 
     exit(-1);
 }
 
+void use_plain_malloc(char **argv)
+{
+    const char *slice = getenv("G_SLICE");
+    if (slice != nullptr && strcmp(slice, "always-malloc") == 0)
+        return;
+    setenv("G_SLICE", "always-malloc", 1);
+    execv("/proc/self/exe", argv);
+    // Without /proc the service runs on with GLib's slice magazines.
+}
+
+namespace {
+// A bulk configuration call parses a message of megabytes into hundreds of
+// thousands of small temporaries. With a malloc arena per thread and
+// glibc's sliding mmap threshold, freed temporaries stayed resident for
+// good; one arena and a fixed threshold (large message buffers are mapped
+// and unmapped whole) let the pages go back to the system.
+void tune_allocator()
+{
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+}
+} // namespace
+
 int service_main(const service_paths &paths, void (*after_init_driver)())
 {
+    tune_allocator();
     // Log lines must reach a pipe or the journal as they happen.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     set_runtime_paths(paths);

@@ -10,6 +10,13 @@ void sigroutine(int signo);
 void on_name_acquired(GDBusConnection *connection, const gchar *name, gpointer user_data);
 void on_name_lost(GDBusConnection *connection, const gchar *name, gpointer user_data);
 
+// GLib reads G_SLICE once, in start-up code of its own that runs before
+// main, and its slice magazines keep the freed blocks of a parsed bus
+// message for good. So the process sets G_SLICE=always-malloc for itself
+// and starts over once, the first thing main does; whatever the caller's
+// environment held is overridden.
+void use_plain_malloc(char **argv);
+
 // Runs the whole service with the given paths; returns main's result.
 // `after_init_driver`, when set, runs right after the drivers are registered
 // (tests use it to add a driver of their own).

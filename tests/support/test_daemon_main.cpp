@@ -7,6 +7,7 @@
 
 int main(int argc, char **argv)
 {
+    use_plain_malloc(argv);
     service_paths paths;
     bool test_driver = false;
     for (int i = 1; i < argc; ++i) {

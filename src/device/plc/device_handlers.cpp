@@ -1,7 +1,22 @@
 #include "device/plc/device_handlers.h"
 
+#include <malloc.h>
+
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_serial.h"
+
+void give_back_message_memory()
+{
+    // The invocation, and with it the message, is released once the handler
+    // has answered and its dispatch is over: the next idle turn of the main
+    // loop comes after that.
+    g_idle_add(
+        [](gpointer) -> gboolean {
+            malloc_trim(0);
+            return G_SOURCE_REMOVE;
+        },
+        nullptr);
+}
 
 void delete_nodes_of_device(uint32_t dev_id)
 {

@@ -78,6 +78,7 @@ gboolean on_handle_ethernet_device_del(GatewayDeviceService *sk, GDBusMethodInvo
 gboolean on_handle_ethernet_device_sync_multi_1(GatewayDeviceService *sk,
                                                 GDBusMethodInvocation *inv, GVariant *multi)
 {
+    give_back_message_memory();
     auto sync = [&] {
         std::vector<ethernet_device *> items;
         GVariantIter it;

@@ -28,6 +28,7 @@ public:
                                    &node_id, &name, &addr, &type, &unit, &perm, &report, &alarm,
                                    &alarm_bit, &cond_major, &value_major, &op, &cond_minor,
                                    &value_minor, &content, &desc)) {
+            ids_.push_back(node_id);
             nodes_.push_back(node_create(dev_name, dev_id, node_id, name, addr, type, unit, perm,
                                          report ? 1 : 0, alarm ? 1 : 0, alarm_bit, cond_major,
                                          value_major, op, cond_minor, value_minor, content, desc));
@@ -41,7 +42,9 @@ public:
     node_batch(const node_batch &) = delete;
     node_batch &operator=(const node_batch &) = delete;
 
-    const std::vector<node *> &nodes() const { return nodes_; }
+    size_t size() const { return nodes_.size(); }
+    // The request's node ids, in request order.
+    const std::vector<uint32_t> &ids() const { return ids_; }
 
     // Writes every node in one transaction; false when any step failed (and
     // the transaction was rolled back). `clean_first` empties the table first.
@@ -66,28 +69,26 @@ public:
         return !failed;
     }
 
-    // Puts copies of the nodes whose device exists into the list; returns
-    // how many went in.
-    size_t add_to_memory() const
+    // Hands the nodes whose device exists over to the list (no copies: a
+    // bulk request of tens of thousands of nodes is not held twice); returns
+    // how many went in. The rest stay with the batch.
+    size_t move_to_memory()
     {
         size_t added = 0;
-        for (const node *n : nodes_) {
+        for (node *&n : nodes_) {
             if (n == nullptr || device_find(n->dev_id) == nullptr)
                 continue;
-            node *copy = node_copy(n);
-            if (copy == nullptr)
+            if (node_table_add_one(n) != 0)
                 continue;
-            if (node_table_add_one(copy) != 0) {
-                node_free(copy);
-                continue;
-            }
+            n = nullptr;
             ++added;
         }
         return added;
     }
 
 private:
-    std::vector<node *> nodes_;
+    std::vector<node *> nodes_; // null once the list owns it, or when it could not be made
+    std::vector<uint32_t> ids_;
 };
 
 } // namespace
@@ -151,22 +152,23 @@ gboolean on_handle_node_table_mdf_one(
 gboolean on_handle_node_table_add_multi_1(GatewayDeviceService *sk, GDBusMethodInvocation *inv,
                                           GVariant *multi)
 {
+    give_back_message_memory();
     const char *func = __func__;
     auto add = [&] {
         node_batch batch(multi);
         if (!batch.write_all(false))
             return 2;
         g_print("<%s> called\n", func);
-        const size_t added = batch.add_to_memory();
+        const size_t added = batch.move_to_memory();
         g_print("\n%s : %s E\n\n", get_time_msec(), func);
-        if (added == batch.nodes().size())
+        if (added == batch.size())
             return 0;
         plc_error_report(PLC_NODE_MODULE, func, __LINE__, "not all node added success.");
         // Memory takes the whole request back, including a node of the same
         // id that was there before; the committed rows stay.
-        for (const node *n : batch.nodes())
-            if (n != nullptr && node_table_find(n->node_id) != nullptr)
-                node_table_del_one(n->node_id);
+        for (uint32_t id : batch.ids())
+            if (node_table_find(id) != nullptr)
+                node_table_del_one(id);
         return 2;
     };
     return serve(func, add, [&](int r) {
@@ -177,6 +179,7 @@ gboolean on_handle_node_table_add_multi_1(GatewayDeviceService *sk, GDBusMethodI
 gboolean on_handle_node_table_del_multi_1(GatewayDeviceService *sk, GDBusMethodInvocation *inv,
                                           GVariant *multi)
 {
+    give_back_message_memory();
     auto del = [&] {
         std::vector<uint32_t> ids;
         GVariantIter it;
@@ -209,13 +212,14 @@ gboolean on_handle_node_table_del_multi_1(GatewayDeviceService *sk, GDBusMethodI
 gboolean on_handle_node_table_sync_multi_1(GatewayDeviceService *sk, GDBusMethodInvocation *inv,
                                            GVariant *multi)
 {
+    give_back_message_memory();
     const char *func = __func__;
     auto sync = [&] {
         node_batch batch(multi);
         if (!batch.write_all(true))
             return 3;
         node_table_del_all();
-        if (batch.add_to_memory() != batch.nodes().size()) {
+        if (batch.move_to_memory() != batch.size()) {
             plc_error_report(PLC_NODE_MODULE, func, __LINE__, "node sync error.");
             return 3;
         }

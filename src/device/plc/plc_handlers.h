@@ -57,6 +57,13 @@ gboolean on_handle_node_table_sync_multi_1(GatewayDeviceService *sk, GDBusMethod
 gboolean on_handle_node_table_add_one(GatewayDeviceService *sk, GDBusMethodInvocation *inv);
 gboolean on_handle_node_table_del_one(GatewayDeviceService *sk, GDBusMethodInvocation *inv);
 
+// A bulk request arrives as a message of megabytes that the bus library
+// parses into a tree of small blocks; the records made from it are
+// allocated above that tree, so once the message is gone its pages are free
+// but not at the end of the heap, and stay resident. This hands them back
+// to the system once the running call and its message are released.
+void give_back_message_memory();
+
 // Removes a device's nodes from the node list (memory only).
 void delete_nodes_of_device(uint32_t dev_id);
 // Removes one registered device of the given kind with its in-memory nodes,

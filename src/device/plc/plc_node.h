@@ -3,16 +3,18 @@
 
 #include <glib.h>
 
+#include "device/plc/node_text.h"
 #include "device/plc/plc_device.h"
 
+// Texts are node_text: 24 bytes each, no heap block up to 23 characters.
 struct node {
-    std::string dev_name;
+    node_text dev_name;
     uint32_t dev_id = 0;
     uint32_t node_id = 0;
-    std::string node_name;
-    std::string node_addr;
+    node_text node_name;
+    node_text node_addr;
     uint32_t node_data_type = 0;
-    std::string node_unit;
+    node_text node_unit;
     uint32_t node_permission = 0;
     int32_t node_report_enable = 0;
     int32_t node_alarm_enable = 0;
@@ -22,8 +24,8 @@ struct node {
     uint32_t node_alarm_operation_type = 0;
     uint32_t node_alarm_condition_minor = 0;
     int32_t node_alarm_value_minor = 0;
-    std::string node_alarm_content;
-    std::string node_description;
+    node_text node_alarm_content;
+    node_text node_description;
     char value[NODE_VALUE_SIZE] = {};
 };
 

@@ -98,6 +98,7 @@ gboolean on_handle_serial_device_del(GatewayDeviceService *sk, GDBusMethodInvoca
 gboolean on_handle_serial_device_sync_multi_1(GatewayDeviceService *sk,
                                               GDBusMethodInvocation *inv, GVariant *multi)
 {
+    give_back_message_memory();
     return serve(
         __func__,
         [&] {

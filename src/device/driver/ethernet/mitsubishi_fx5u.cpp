@@ -13,6 +13,7 @@ namespace {
 
 struct fx5u_priv {
     modbus_t *ctx;
+    bool stale; // a read on this connection failed: its answer may still come
 };
 
 void put(char *value, const char *text)
@@ -108,6 +109,7 @@ int mitsubishi_fx5u_open(plc_device *dev)
         modbus_free(priv->ctx);
     }
     priv->ctx = ctx;
+    priv->stale = false;
     return 0;
 }
 
@@ -134,9 +136,13 @@ int mitsubishi_fx5u_read(plc_device *, const char *addr, uint32_t data_type, cha
         return -1;
     }
     // An answer that came after its read gave up would be taken for the
-    // answer to this one, and so on down the device's nodes.
-    modbus_flush(priv->ctx);
-    return modbus_read(priv->ctx, addr, data_type, value) >= 0 ? 0 : -1;
+    // answer to this one, and so on down the device's nodes. Only a failed
+    // read leaves one behind; after a good one there is nothing to drop.
+    if (priv->stale)
+        modbus_flush(priv->ctx);
+    const bool ok = modbus_read(priv->ctx, addr, data_type, value) >= 0;
+    priv->stale = !ok;
+    return ok ? 0 : -1;
 }
 
 

@@ -1,0 +1,275 @@
+// What a node costs: CPU per read and cycle time of the daemon against a
+// plain libmodbus loop doing the same requests to the same loopback server,
+// and the daemon's resident memory with 10,000 nodes configured over the bus
+// and restored from my.db.
+//   bench_lean_bench [growth-cycles]      (default 1000)
+// The server and the measured client share CPU 0 (a loopback round trip
+// across CPUs costs several times more on a VM and varies a lot); this
+// program's own main thread, which only receives signals, stays off it.
+#include <modbus.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "sim/modbus_tcp_sim.h"
+#include "support/bus.h"
+#include "support/config_calls.h"
+#include "support/standin_system_service.h"
+
+using namespace dstest;
+
+namespace {
+
+constexpr uint32_t READS_PER_CYCLE = 2000;
+constexpr uint32_t BULK_NODES = 10000;
+constexpr uint32_t BULK_DEVICES = 10;
+constexpr int MEASURED_CYCLES = 20;
+
+void pin_task(pid_t tid, int cpu)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    if (sched_setaffinity(tid, sizeof set, &set) != 0)
+        perror("sched_setaffinity");
+}
+
+pid_t self_tid()
+{
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+// Every thread of the process; threads it starts later inherit the CPU.
+void pin_process(pid_t pid, int cpu)
+{
+    for (const auto &e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task"))
+        pin_task(static_cast<pid_t>(std::stol(e.path().filename().string())), cpu);
+}
+
+// Time on CPU of every thread of the process, in ns (the scheduler's own
+// account, finer than utime/stime ticks).
+double process_cpu_ns(pid_t pid)
+{
+    double total = 0;
+    for (const auto &e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        std::ifstream in(e.path() / "schedstat");
+        double ns = 0;
+        if (in >> ns)
+            total += ns;
+    }
+    return total;
+}
+
+long status_kib(pid_t pid, const char *field)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind(field, 0) == 0)
+            return std::atol(line.c_str() + strlen(field));
+    }
+    return -1;
+}
+
+void reset_peak(pid_t pid)
+{
+    std::ofstream("/proc/" + std::to_string(pid) + "/clear_refs") << "5";
+}
+
+double thread_cpu_ns()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
+}
+
+double now_s()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+struct Rate {
+    double cpu_per_read_us;
+    double cycle_ms;
+};
+
+// connect, N x one-register read, close: what the daemon does per cycle for
+// one device, with nothing around it.
+Rate raw_loop(uint16_t port, int cycles)
+{
+    pin_task(self_tid(), 0);
+    const double cpu0 = thread_cpu_ns();
+    const double t0 = now_s();
+    for (int c = 0; c < cycles; ++c) {
+        modbus_t *ctx = modbus_new_tcp("127.0.0.1", port);
+        if (modbus_connect(ctx) == -1) {
+            fprintf(stderr, "raw loop: connect failed\n");
+            modbus_free(ctx);
+            exit(1);
+        }
+        for (uint32_t i = 0; i < READS_PER_CYCLE; ++i) {
+            uint16_t r = 0;
+            if (modbus_read_registers(ctx, static_cast<int>(i), 1, &r) != 1)
+                fprintf(stderr, "raw loop: read %u failed\n", i);
+        }
+        modbus_close(ctx);
+        modbus_free(ctx);
+    }
+    const Rate rate{(thread_cpu_ns() - cpu0) / 1e3 / (cycles * READS_PER_CYCLE),
+                    (now_s() - t0) * 1e3 / cycles};
+    pin_task(self_tid(), 1);
+    return rate;
+}
+
+std::vector<NodeSpec> nodes(uint32_t devices, uint32_t per_device, uint32_t first_id)
+{
+    std::vector<NodeSpec> v;
+    v.reserve(devices * per_device);
+    for (uint32_t d = 1; d <= devices; ++d)
+        for (uint32_t i = 0; i < per_device; ++i)
+            v.push_back({d, first_id + (d - 1) * per_device + i, "D" + std::to_string(i)});
+    return v;
+}
+
+struct Daemon {
+    TempDir dir;
+    PrivateBus bus;
+    sim::StandInSystemService system{bus.address()};
+    std::unique_ptr<DaemonProcess> proc;
+    DaemonOptions opts;
+    std::unique_ptr<NodesRecorder> rec;
+
+    Daemon()
+    {
+        opts.workdir = dir.path();
+        opts.bus_address = bus.address();
+        system.set_scan_interval(0);
+        system.start();
+        start();
+    }
+    void start()
+    {
+        proc = std::make_unique<DaemonProcess>(opts);
+        bus.wait_for_name("com.fernwick.DeviceService", 120s);
+        // The object is exported right after the name is acquired.
+        wait_until([&] { return call_device(bus.connection(), "nodeTableDelMulti",
+                                            node_id_array({})).ok; }, 10s);
+        pin_process(proc->pid(), 0);
+        rec = std::make_unique<NodesRecorder>(bus.connection());
+    }
+    void restart()
+    {
+        rec.reset();
+        proc->kill_now();
+        bus.wait_for_name_gone("com.fernwick.DeviceService");
+        opts.log_name = "restart";
+        start();
+    }
+    int call(const char *method, GVariant *params)
+    {
+        auto r = call_device(bus.connection(), method, params, 600000);
+        if (!r.ok || r.response != 0)
+            fprintf(stderr, "%s answered %d %s\n", method, r.response, r.error.c_str());
+        return r.ok ? r.response : -999;
+    }
+    // Waits for `n` more complete cycles; the recorder keeps none of them.
+    void cycles(size_t n)
+    {
+        for (size_t i = 0; i < n; ++i) {
+            if (!rec->wait_for_count(1, 120s)) {
+                fprintf(stderr, "no cycle within 120 s\n");
+                exit(1);
+            }
+            rec->clear();
+        }
+    }
+    long rss() const { return status_kib(proc->pid(), "VmRSS:"); }
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const int growth_cycles = argc > 1 ? std::atoi(argv[1]) : 1000;
+    // The server's thread inherits CPU 0; this thread moves off it.
+    pin_task(self_tid(), 0);
+    sim::ModbusTcpSim server;
+    server.start();
+    pin_task(self_tid(), 1);
+
+    const Rate raw = raw_loop(server.port(), MEASURED_CYCLES);
+
+    Rate daemon_rate{};
+    double growth_per_100 = 0;
+    {
+        Daemon d;
+        d.call("EthernetDeviceAdd", ethernet_args(1, 1, 103, "fx5u", "127.0.0.1", server.port()));
+        d.call("nodeTableAddMulti", node_array(nodes(1, READS_PER_CYCLE, 1)));
+        d.cycles(3);
+        const double cpu0 = process_cpu_ns(d.proc->pid());
+        const double t0 = now_s();
+        d.cycles(MEASURED_CYCLES);
+        daemon_rate = {(process_cpu_ns(d.proc->pid()) - cpu0) / 1e3 /
+                           (MEASURED_CYCLES * READS_PER_CYCLE),
+                       (now_s() - t0) * 1e3 / MEASURED_CYCLES};
+        d.cycles(50);
+        const long before = d.rss();
+        d.cycles(static_cast<size_t>(growth_cycles));
+        growth_per_100 = static_cast<double>(d.rss() - before) * 100.0 / growth_cycles;
+    }
+
+    Daemon d;
+    for (uint32_t dev = 1; dev <= BULK_DEVICES; ++dev)
+        d.call("EthernetDeviceAdd",
+               ethernet_args(dev, 1, 103, "fx5u-" + std::to_string(dev), "127.0.0.1", server.port()));
+    d.cycles(5);
+    const long base = d.rss();
+    reset_peak(d.proc->pid());
+    d.call("nodeTableAddMulti", node_array(nodes(BULK_DEVICES, BULK_NODES / BULK_DEVICES, 1)));
+    const long hwm_call = status_kib(d.proc->pid(), "VmHWM:");
+    d.cycles(5);
+    const long after_add = d.rss();
+    d.call("nodeTableSyncMulti",
+           node_array(nodes(BULK_DEVICES, BULK_NODES / BULK_DEVICES, BULK_NODES + 1)));
+    d.cycles(5);
+    const long after_sync = d.rss();
+    d.restart();
+    d.cycles(5);
+    const long restored = d.rss();
+
+    printf("reads against one loopback Modbus TCP server, %u one-register reads per cycle, "
+           "server and client on CPU 0\n", READS_PER_CYCLE);
+    printf("  raw libmodbus loop: %.2f us CPU per read, %.2f ms per cycle\n", raw.cpu_per_read_us,
+           raw.cycle_ms);
+    printf("  daemon (whole process): %.2f us CPU per read, %.2f ms per cycle\n",
+           daemon_rate.cpu_per_read_us, daemon_rate.cycle_ms);
+    printf("  ratio to the raw loop: CPU per read %.2fx, cycle %.2fx\n",
+           daemon_rate.cpu_per_read_us / raw.cpu_per_read_us, daemon_rate.cycle_ms / raw.cycle_ms);
+    printf("  VmRSS growth while cycling: %.2f KiB per 100 cycles (over %d cycles)\n",
+           growth_per_100, growth_cycles);
+    printf("%u devices x %u U16 nodes, scan interval 0\n", BULK_DEVICES, BULK_NODES / BULK_DEVICES);
+    printf("  VmRSS with the devices, no nodes: %.1f MiB\n", base / 1024.0);
+    printf("  VmHWM during nodeTableAddMulti of %u: %.1f MiB\n", BULK_NODES, hwm_call / 1024.0);
+    printf("  VmRSS cycling after nodeTableAddMulti: %.1f MiB (%.0f bytes per node)\n",
+           after_add / 1024.0, static_cast<double>(after_add - base) * 1024.0 / BULK_NODES);
+    printf("  VmRSS cycling after nodeTableSyncMulti to %u others: %.1f MiB\n", BULK_NODES,
+           after_sync / 1024.0);
+    printf("  VmRSS cycling after restoring them from my.db: %.1f MiB (%.0f bytes per node)\n",
+           restored / 1024.0, static_cast<double>(restored - base) * 1024.0 / BULK_NODES);
+    printf("  ratio configured / restored: %.2fx (add), %.2fx (sync)\n",
+           static_cast<double>(after_add) / static_cast<double>(restored),
+           static_cast<double>(after_sync) / static_cast<double>(restored));
+    return 0;
+}
