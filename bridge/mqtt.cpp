@@ -3,6 +3,7 @@
 #include <mosquitto.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 
 namespace bridge {
@@ -32,6 +33,11 @@ void guarded(const char *what, Fn &&fn)
     } catch (...) {
         g_critical("%s: unexpected failure", what);
     }
+}
+
+std::string reason(int rc)
+{
+    return rc == MOSQ_ERR_ERRNO ? g_strerror(errno) : mosquitto_strerror(rc);
 }
 
 // CONNACK codes of MQTT 3.1.1 that no retry will change.
@@ -144,10 +150,7 @@ void MqttClient::attempt()
     const int rc = mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port,
                                            settings_.keepalive_s);
     if (rc != MOSQ_ERR_SUCCESS) {
-        const std::string why = rc == MOSQ_ERR_ERRNO ? g_strerror(errno) : mosquitto_strerror(rc);
-        g_message("cannot reach the broker at %s: %s; next attempt in %u s", where().c_str(),
-                  why.c_str(), backoff_ms_ / 1000);
-        schedule_retry();
+        lost(reason(rc));
         return;
     }
     watch_socket();
@@ -191,17 +194,18 @@ void MqttClient::io(GIOCondition cond)
     // starve the loop).
     if ((cond & (G_IO_IN | G_IO_HUP | G_IO_ERR)) != 0) {
         for (int i = 0; i < 16 && source_ != nullptr; ++i) {
-            if (mosquitto_loop_read(mosq_, 1) != MOSQ_ERR_SUCCESS) {
-                lost();
+            if (const int rc = mosquitto_loop_read(mosq_, 1); rc != MOSQ_ERR_SUCCESS) {
+                lost(reason(rc));
                 return;
             }
             if (settings_.tls_ca.empty())
                 break;
         }
     }
-    if (source_ != nullptr && (cond & G_IO_OUT) != 0 && mosquitto_want_write(mosq_) &&
-        mosquitto_loop_write(mosq_, 1) != MOSQ_ERR_SUCCESS)
-        lost();
+    if (source_ != nullptr && (cond & G_IO_OUT) != 0 && mosquitto_want_write(mosq_)) {
+        if (const int rc = mosquitto_loop_write(mosq_, 1); rc != MOSQ_ERR_SUCCESS)
+            lost(reason(rc));
+    }
 }
 
 gboolean MqttClient::on_misc(gpointer data)
@@ -210,13 +214,13 @@ gboolean MqttClient::on_misc(gpointer data)
     const int rc = mosquitto_loop_misc(self->mosq_);
     if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) {
         self->misc_id_ = 0; // the source ends with this call
-        self->lost();
+        self->lost(reason(rc));
         return G_SOURCE_REMOVE;
     }
     return G_SOURCE_CONTINUE;
 }
 
-void MqttClient::lost()
+void MqttClient::lost(const std::string &why)
 {
     const bool was = connected_;
     connected_ = false;
@@ -229,14 +233,20 @@ void MqttClient::lost()
         }
         return;
     }
-    if (stopped_)
+    // libmosquitto reports a loss both through its callback and through the
+    // call that met it: the first report counts.
+    if (stopped_ || retry_id_ != 0)
         return;
     if (was) {
-        g_message("lost the broker at %s; next attempt in %u s", where().c_str(), backoff_ms_ / 1000);
+        g_message("lost the broker at %s (%s); next attempt in %u s", where().c_str(), why.c_str(),
+                  backoff_ms_ / 1000);
         guarded("disconnected", [&] {
             if (events_.disconnected)
                 events_.disconnected();
         });
+    } else {
+        g_message("cannot reach the broker at %s: %s; next attempt in %u s", where().c_str(),
+                  why.c_str(), backoff_ms_ / 1000);
     }
     schedule_retry();
 }
@@ -279,9 +289,9 @@ void MqttClient::on_connect(mosquitto *, void *data, int rc)
     g_message("the broker at %s is unavailable (CONNACK %d)", self->where().c_str(), rc);
 }
 
-void MqttClient::on_disconnect(mosquitto *, void *data, int)
+void MqttClient::on_disconnect(mosquitto *, void *data, int rc)
 {
-    static_cast<MqttClient *>(data)->lost();
+    static_cast<MqttClient *>(data)->lost(reason(rc));
 }
 
 void MqttClient::on_message(mosquitto *, void *data, const mosquitto_message *msg)
@@ -313,13 +323,23 @@ void MqttClient::disconnect(std::function<void()> done)
         g_source_remove(retry_id_);
         retry_id_ = 0;
     }
-    if (source_ == nullptr || mosquitto_disconnect(mosq_) != MOSQ_ERR_SUCCESS) {
+    if (source_ == nullptr) {
         unwatch_socket();
         done();
         return;
     }
-    // The socket closes once DISCONNECT has been written (lost() then runs).
+    // The socket closes once DISCONNECT has been written, and lost() then
+    // calls `done`: often within mosquitto_disconnect itself, when the
+    // socket takes the packet at once, so `done` must be in place first.
     done_ = std::move(done);
+    if (mosquitto_disconnect(mosq_) != MOSQ_ERR_SUCCESS) {
+        unwatch_socket();
+        if (done_) {
+            auto finish = std::move(done_);
+            done_ = nullptr;
+            finish();
+        }
+    }
 }
 
 bool MqttClient::set_will(const std::string &topic, const std::string &payload, int qos, bool retain)

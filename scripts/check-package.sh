@@ -11,7 +11,9 @@ trap 'rm -rf "$out"' EXIT
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$out" >/dev/null
 deb=$(ls "$out"/device-service_*.deb)
 contents=$(dpkg -c "$deb" | awk '{print $6}')
-for f in ./usr/bin/device-service ./usr/bin/device-service-ctl \
+for f in ./usr/bin/device-service ./usr/bin/device-service-ctl ./usr/bin/device-service-bridge \
+         ./usr/lib/systemd/user/device-service-bridge.service \
+         ./usr/share/device-service/bridge.conf \
          ./usr/lib/device-service/libsnap7.so \
          ./usr/lib/systemd/user/device-service.service \
          ./usr/share/dbus-1/interfaces/com.fernwick.DeviceService.xml \
@@ -35,16 +37,19 @@ problems=""
 # still writing (SIGPIPE).
 usage=$(/usr/bin/device-service-ctl --help 2>&1) || problems+=" client exits $?;"
 grep -q '^usage: device-service-ctl' <<<"$usage" || problems+=" client;"
-libs=$(ldd /usr/bin/device-service /usr/bin/device-service-ctl 2>&1) || problems+=" ldd;"
+bhelp=$(/usr/bin/device-service-bridge --help 2>&1) || problems+=" bridge exits $?;"
+grep -q 'device-service-bridge' <<<"$bhelp" || problems+=" bridge;"
+libs=$(ldd /usr/bin/device-service /usr/bin/device-service-ctl /usr/bin/device-service-bridge 2>&1) || problems+=" ldd;"
 if grep -q 'not found' <<<"$libs"; then problems+=" missing library;"; fi
 if command -v systemd-analyze >/dev/null; then
   rt=$(mktemp -d)
   v=$(XDG_RUNTIME_DIR=$rt systemd-analyze --user verify \
-        /usr/lib/systemd/user/device-service.service 2>&1 || echo failed)
+        /usr/lib/systemd/user/device-service.service \
+        /usr/lib/systemd/user/device-service-bridge.service 2>&1 || echo failed)
   rm -rf "$rt"
   [ -z "$v" ] || problems+=" unit: $v;"
 fi
 dpkg -r device-service >/dev/null
 [ ! -e /usr/bin/device-service ] || problems+=" left behind after removal;"
 [ -z "$problems" ] || { echo "package:$problems" >&2; exit 1; }
-echo "package: $(basename "$deb") installs, runs its client, finds its libraries, verifies its unit and removes cleanly"
+echo "package: $(basename "$deb") installs, runs its client and bridge, finds its libraries, verifies its units and removes cleanly"

@@ -3,7 +3,9 @@
 # a private session bus, a stand-in for the gateway's system service, the
 # simulated PLCs and the daemon; configures a device of every model over the
 # bus and shows the published values live until Ctrl-C, then stops every
-# process and removes every link it made.
+# process and removes every link it made. Beside the daemon it runs a
+# private MQTT broker (mosquitto, on loopback) and device-service-bridge, and
+# prints every Sparkplug B message that reaches the broker, decoded.
 #
 #   scripts/demo.sh [--seconds N]     (N: stop by itself after N seconds)
 #
@@ -23,7 +25,7 @@ if [ -z "${DS_DEMO_NO_BUILD:-}" ]; then
   bash scripts/setup.sh
   cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build "$build" -j "${JOBS:-2}" --target device-service device-service-test \
-    device-service-standin device-service-plant device-service-ctl >/dev/null
+    device-service-standin device-service-plant device-service-ctl device-service-bridge >/dev/null
 fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/device-service-demo.XXXXXX")
@@ -73,10 +75,34 @@ for _ in $(seq 200); do
   sleep 0.05
 done
 
+# A private MQTT broker on the first free loopback port from 18830.
+mqtt_port=
+for port in $(seq 18830 18899); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && continue   # taken
+  printf 'listener %s 127.0.0.1\nallow_anonymous true\npersistence false\n' "$port" >"$work/mosquitto.conf"
+  mosquitto -c "$work/mosquitto.conf" >"$work/mosquitto.log" 2>&1 &
+  broker=$!
+  for _ in $(seq 100); do
+    (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && { mqtt_port=$port; break; }
+    kill -0 "$broker" 2>/dev/null || break
+    sleep 0.05
+  done
+  if [ -n "$mqtt_port" ]; then pids+=("$broker"); break; fi
+  kill "$broker" 2>/dev/null || true; wait "$broker" 2>/dev/null || true
+done
+[ -n "$mqtt_port" ] || { echo "demo: no MQTT broker could be started:" >&2; cat "$work/mosquitto.log" >&2; exit 1; }
+
+bridge=("$build/bridge/device-service-bridge" --broker "127.0.0.1:$mqtt_port")
+"${bridge[@]}" --watch &
+pids+=($!)
+"${bridge[@]}" --edge-node demo-gateway --state-dir "$work/bridge" >"$work/bridge.log" 2>&1 &
+pids+=($!)
+
 ctl=("$build/tools/device-service-ctl")
 "${ctl[@]}" apply "$root/examples/plant.json"
 
-echo "device-service is reading the simulated plant; one table per reading cycle (Ctrl-C stops):"
+echo "device-service is reading the simulated plant; one table per reading cycle, and the"
+echo "Sparkplug B messages device-service-bridge publishes to mosquitto on 127.0.0.1:$mqtt_port (Ctrl-C stops):"
 "${ctl[@]}" monitor &
 pids+=($!)
 if [ "$seconds" -gt 0 ]; then

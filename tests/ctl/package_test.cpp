@@ -73,6 +73,9 @@ TEST(CtlPackage, DebianPackageHoldsTheServiceAndItsLibrary)
         const std::set<std::string> expected = {
             "./usr/bin/device-service",
             "./usr/bin/device-service-ctl",
+            "./usr/bin/device-service-bridge",
+            "./usr/lib/systemd/user/device-service-bridge.service",
+            "./usr/share/device-service/bridge.conf",
             "./usr/lib/device-service/libsnap7.so",
             "./usr/lib/systemd/user/device-service.service",
             "./usr/share/dbus-1/interfaces/com.fernwick.DeviceService.xml",
@@ -88,7 +91,8 @@ TEST(CtlPackage, DebianPackageHoldsTheServiceAndItsLibrary)
 
         r = run_program({dpkg_deb, "-f", found[0], "Package", "Depends"});
         EXPECT_EQ(r.out, "Package: device-service\nDepends: libglib2.0-0, libsqlite3-0, "
-                         "libprotobuf-c1, libmodbus5, libjson-glib-1.0-0, libstdc++6, libgcc-s1, "
+                         "libprotobuf-c1, libmodbus5, libjson-glib-1.0-0, libmosquitto1, libstdc++6, "
+                         "libgcc-s1, "
                          "libc6\n");
 
         // Unpacked anywhere, the daemon finds the package's own Snap7.
@@ -102,26 +106,29 @@ TEST(CtlPackage, DebianPackageHoldsTheServiceAndItsLibrary)
     }
 }
 
-TEST(CtlPackage, UserUnitVerifies)
+TEST(CtlPackage, UserUnitsVerify)
 {
     const std::string analyze = program("systemd-analyze");
     if (analyze.empty())
         GTEST_SKIP() << "systemd-analyze is not installed (Debian package systemd)";
     TempDir runtime;
-    const std::string unit = DS_SOURCE_DIR "/packaging/device-service.service";
     g_setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), TRUE);
     g_setenv("SYSTEMD_LOG_LEVEL", "notice", TRUE);
-    RunResult r = run_program({analyze, "--user", "verify", unit});
-    // The one complaint allowed: the daemon is not installed on this machine.
-    std::string complaints = r.out + r.err;
-    const std::string not_installed =
-        "device-service.service: Command device-service is not executable: No such file or directory\n";
-    const bool installed = g_file_test("/usr/bin/device-service", G_FILE_TEST_IS_EXECUTABLE) ||
-                           g_file_test("/usr/local/bin/device-service", G_FILE_TEST_IS_EXECUTABLE);
-    if (!installed && complaints.find(not_installed) != std::string::npos)
-        complaints.erase(complaints.find(not_installed), not_installed.size());
-    EXPECT_EQ(complaints, "") << "systemd-analyze verify " << unit;
-    EXPECT_TRUE(r.status == 0 || !installed) << complaints;
+    for (const std::string name : {"device-service", "device-service-bridge"}) {
+        const std::string unit = DS_SOURCE_DIR "/packaging/" + name + ".service";
+        RunResult r = run_program({analyze, "--user", "verify", unit});
+        // The one complaint allowed: the program is not installed on this machine.
+        std::string complaints = r.out + r.err;
+        const std::string not_installed = name + ".service: Command " + name +
+                                          " is not executable: No such file or directory\n";
+        const bool installed =
+            g_file_test(("/usr/bin/" + name).c_str(), G_FILE_TEST_IS_EXECUTABLE) ||
+            g_file_test(("/usr/local/bin/" + name).c_str(), G_FILE_TEST_IS_EXECUTABLE);
+        if (!installed && complaints.find(not_installed) != std::string::npos)
+            complaints.erase(complaints.find(not_installed), not_installed.size());
+        EXPECT_EQ(complaints, "") << "systemd-analyze verify " << unit;
+        EXPECT_TRUE(r.status == 0 || !installed) << complaints;
+    }
 }
 
 class CtlUnitStop : public DaemonTest {};

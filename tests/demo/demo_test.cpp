@@ -1,5 +1,6 @@
 // The README's demo command, bounded: it brings the plant up, values change
-// from cycle to cycle, and when it stops nothing of it is left behind.
+// from cycle to cycle, the bridge's Sparkplug messages show decoded, and when
+// it stops nothing of it is left behind.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -78,6 +79,12 @@ TEST(Demo, RunsTheSimulatedPlantAndLeavesNothingBehind)
         ASSERT_GE(seen.size(), 2u) << device << "\n" << out;
         EXPECT_NE(seen.front(), seen.back()) << device;
     }
+    // What the bridge published reaches the broker and shows decoded: the
+    // edge node's birth, a device's birth with its metrics, and data.
+    EXPECT_NE(out.find("NBIRTH device-service/demo-gateway seq=0: bdSeq=0 (Int64)"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("DBIRTH device-service/demo-gateway/FX-5U press seq="), std::string::npos);
+    EXPECT_NE(out.find("DDATA device-service/demo-gateway/FX-5U press seq="), std::string::npos);
     EXPECT_NE(out.find("demo stopped; nothing left running"), std::string::npos);
 
     EXPECT_TRUE(wait_until([&] { return session_members(pid).empty(); }, 10s))
