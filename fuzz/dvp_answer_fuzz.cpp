@@ -21,8 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     get_code(code, addr.data(), size > 0 ? data[0] % 8 : 1);
     char letter;
     char hex[5];
-    mapping(addr.c_str(), &letter, hex);
-    if (strlen(hex) != 4)
+    if (mapping(addr.c_str(), &letter, hex) == 0 ? strlen(hex) != 4 : hex[0] != '\0')
         __builtin_trap();
     return 0;
 }

@@ -22,8 +22,8 @@ void DvpSim::set_device(const std::string &device, uint16_t value)
 {
     char letter = 0;
     char hex[5];
-    mapping(device.c_str(), &letter, hex);
-    set(dvp_hex_field(hex, 4), value);
+    if (mapping(device.c_str(), &letter, hex) == 0)
+        set(dvp_hex_field(hex, 4), value);
 }
 
 size_t DvpSim::feed(const uint8_t *data, size_t len, std::vector<uint8_t> &answer)

@@ -48,19 +48,22 @@ protected:
         int rc;
         std::string value;
         std::string out;
+        std::string addr; // the address buffer as the driver left it
     };
-    // open, read, release as the reading loop does; rc -100 when open fails.
+    // open, read, release as the reading loop does, the address in a
+    // buffer of its own as the loop's node copy has; rc -100 when open fails.
     Read read(const char *addr, uint32_t type)
     {
         char v[NODE_VALUE_SIZE] = {};
+        std::string a = addr;
         int r = -100;
         auto c = capture_output([&] {
             if (dev_->driver->open(dev_) == 0) {
-                r = dev_->driver->read(dev_, addr, type, v);
+                r = dev_->driver->read(dev_, a.data(), type, v);
                 dev_->driver->release(dev_);
             }
         });
-        return {r, v, c.out};
+        return {r, v, c.out, a};
     }
 
     TempDir dir_;

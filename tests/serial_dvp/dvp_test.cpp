@@ -2,6 +2,8 @@
 // against the simulated PLC on a pseudo-terminal.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstring>
 
 #include "device/driver/serial/dvp_codec.h"
@@ -93,7 +95,11 @@ TEST(DvpCodec, ModbusAddresses)
         {"S5", "0005"},     {"X10", "0408"},   {"X17", "040F"},   {"X18", "0401"}, // octal scan stops at 8
         {"X8", "0408"},     {"Y17", "050F"},   {"T3", "0603"},    {"M1535", "0DFF"},
         {"M1536", "B600"},  {"C5", "0E05"},    {"d100", "1064"},  {"D4095", "1FFF"},
-        {"D4096", "A000"},  {"Z1", "0000"},    {"", "0000"},
+        {"D4096", "A000"},  {"Z1", "0000"},    {"", "0000"},      {"D28671", "FFFF"},
+        {"M20479", "FFFF"},
+        // Past 16 bits or below 0 there is no register: refused, not masked.
+        {"D28672", ""},     {"M20480", ""},    {"D100000", ""},   {"D-5", ""},
+        {"X-1", ""},        {"D99999999999", ""},
     };
     for (const Case &c : cases)
         EXPECT_EQ(map_of(c.addr), c.modbus) << c.addr;
@@ -151,6 +157,7 @@ TEST_F(DvpDriver, ReadsRegistersAndBits)
         {"D100", 4, "65000"}, {"D4096", 4, "7"}, {"C5", 6, "65535"}, // U32 is one register
         {"T3", 4, "300"},     {"X17", 1, "1"},  {"X16", 1, "0"},
         {"Y10", 1, "1"},      {"M1536", 1, "1"}, {"S2", 1, "1"},
+        {"d0000000000000100", 4, "65000"}, // read whole, not cut at 15 characters
     };
     for (const Case &c : cases) {
         const Read r = read(c.addr, c.type);
@@ -164,6 +171,7 @@ TEST_F(DvpDriver, PrintsTheFrameTheAnswerAndTheValue)
     plc_.set_device("D100", 4660);
     const Read r = read("d100", 4);
     EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.addr, "D100") << "the node's own address is upper-cased";
     EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\n"
                      "uart open success : " + dir_.file("tty2") + "\n"
                      "<delta_dvp32ec_read> called\n"
@@ -173,15 +181,76 @@ TEST_F(DvpDriver, PrintsTheFrameTheAnswerAndTheValue)
                      "<delta_dvp32ec_release> called\n");
 }
 
-TEST_F(DvpDriver, RefusedCombinationsSendNothing)
+TEST_F(DvpDriver, RefusedReadsSendNothing)
 {
+    // What the masked addresses used to read: D28672 and M20480 wrapped to
+    // S0, D-5 to 8FFB.
+    plc_.set(0x0000, 1234);
+    plc_.set(0x8FFB, 99);
+    const char *lrc = "get_LRC : input_len%2 != 0\n";
+    const struct {
+        const char *addr;
+        uint32_t type;
+        const char *line;
+    } cases[] = {
+        {"D100", 1, "get code err\n"}, {"M5", 4, "get code err\n"}, {"Q1", 1, "get code err\n"},
+        {"D28672", 4, lrc},           {"M20480", 1, lrc},           {"D100000", 4, lrc},
+        {"D-5", 4, lrc},
+    };
     const size_t before = line_.requests();
-    for (auto [addr, type] : {std::pair<const char *, uint32_t>{"D100", 1}, {"M5", 4}, {"Q1", 1}}) {
-        const Read r = read(addr, type);
-        EXPECT_EQ(r.rc, -1) << addr;
-        EXPECT_NE(r.out.find("get code err\n"), std::string::npos) << addr;
+    for (const auto &c : cases) {
+        const Read r = read(c.addr, c.type);
+        EXPECT_EQ(r.rc, -1) << c.addr;
+        EXPECT_NE(r.out.find(c.line), std::string::npos) << c.addr << r.out;
+        EXPECT_EQ(r.out.find("> = "), std::string::npos) << c.addr << r.out;
     }
     EXPECT_EQ(line_.requests(), before);
+}
+
+TEST_F(DvpDriver, ClosedPortKeepsItsNumberAndFailsUntilOpened)
+{
+    driver &drv = *dev_->driver;
+    const auto stored = [&] { return *static_cast<const int *>(drv.priv); };
+    capture_output([&] {
+        ASSERT_EQ(drv.open(dev_), 0);
+        const int fd = stored();
+        EXPECT_GE(fd, 0);
+        EXPECT_EQ(drv.release(dev_), 0);
+        EXPECT_EQ(stored(), fd) << "release closes the port and keeps its number";
+    });
+
+    // Every write to /dev/full fails: the port is closed, its number kept,
+    // and each later exchange fails at its write until the next open.
+    if (access("/dev/full", W_OK) != 0)
+        GTEST_SKIP() << "no writable /dev/full here";
+    service_paths p = runtime_paths();
+    p.serial_port_2 = "/dev/full";
+    set_runtime_paths(p);
+    char addr[] = "D100";
+    char v[NODE_VALUE_SIZE] = {};
+    int fd = -1;
+    int first = 0, second = 0;
+    const Captured c = capture_output([&] {
+        ASSERT_EQ(drv.open(dev_), 0);
+        fd = stored();
+        first = drv.read(dev_, addr, 4, v);
+        second = drv.read(dev_, addr, 4, v);
+        drv.release(dev_);
+    });
+    EXPECT_EQ(first, -1);
+    EXPECT_EQ(second, -1);
+    EXPECT_EQ(stored(), fd);
+    EXPECT_NE(c.err.find("write: No space left on device\n"), std::string::npos) << c.err;
+    EXPECT_NE(c.err.find("write: Bad file descriptor\n"), std::string::npos) << c.err;
+    size_t closes = 0;
+    for (size_t at = 0; (at = c.out.find("close uart\n", at)) != std::string::npos; ++at)
+        ++closes;
+    EXPECT_EQ(closes, 2u) << c.out;
+
+    p.serial_port_2 = dir_.file("tty2");
+    set_runtime_paths(p);
+    plc_.set_device("D100", 5);
+    EXPECT_EQ(read("D100", 4).value, "5");
 }
 
 TEST_F(DvpDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)

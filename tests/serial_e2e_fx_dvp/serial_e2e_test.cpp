@@ -104,11 +104,15 @@ TEST_F(FxDvpE2E, DvpPublishesAndRecoversAfterSilence)
     line.start();
     NodesRecorder rec(conn());
     add_device(serial_args(5, 3, 201, "dvp", 10, 2, 9600, 7, 1, 1),
-               {{5, 51, "D100", 4, "level"}, {5, 52, "X17", 1, "door"}, {5, 53, "C5", 6, "count"},
+               {{5, 51, "d100", 4, "level"}, {5, 52, "X17", 1, "door"}, {5, 53, "C5", 6, "count"},
                 {5, 54, "D101", 5, "s16"}});
 
     // S16 is not a DVP type: that node never appears.
     ASSERT_TRUE(wait_for_values(rec, {"5/level=77", "5/door=1", "5/count=50000"})) << daemon_->out();
+    gchar *cycle = g_variant_print(rec.last(), FALSE);
+    EXPECT_NE(std::string(cycle).find("('level', 'D100', "), std::string::npos)
+        << "the node configured as d100 goes out as read, D100: " << cycle;
+    g_free(cycle);
 
     silence(plc, rec, "select timeout\n", "D100");
     plc.set_device("D100", 78);

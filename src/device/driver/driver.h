@@ -17,6 +17,9 @@ struct driver {
     int (*probe)();
     int (*remove)();
     // Writes the value as NUL-terminated text into the 32-byte buffer; 0 on success.
+    // addr is the caller's own copy of the node's address, writable: a driver
+    // may rewrite it in place without changing its length (the DVP upper-cases
+    // it, and the address is published as the driver left it).
     int (*read)(plc_device *dev, const char *addr, uint32_t data_type, char *value);
     int (*write)(plc_device *dev, const char *addr, uint32_t data_type, const char *value);
     int (*open)(plc_device *dev);

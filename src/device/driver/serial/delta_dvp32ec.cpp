@@ -18,7 +18,13 @@
 namespace {
 
 struct dvp_priv {
-    int fd; // -1 while no port is open
+    // The descriptor open stored; closing the port (release, a failed
+    // write) leaves the number as it was.
+    int fd;
+    // Whether fd is still this driver's port. A closed number may already
+    // belong to another file of the daemon, so it is never used again:
+    // exchanges on a closed port go to -1 and fail at their write.
+    bool open;
 };
 
 constexpr int64_t CHUNK_WAIT_MS = 150; // renewed for every chunk
@@ -26,9 +32,10 @@ constexpr size_t ANSWER_SIZE = 40;
 
 // One exchange: 0 done; 1 write failed; 2 wait failed; 3 time-out; 4 read
 // failed; 13-15 the answer did not decode.
-int get_point_value(int &fd, const char *address_hex, const char *code, uint32_t *value,
+int get_point_value(dvp_priv &port, const char *address_hex, const char *code, uint32_t *value,
                     uint32_t station)
 {
+    const int fd = port.open ? port.fd : -1;
     const std::string frame = dvp_request(station, code, address_hex);
     g_print("%s", frame.c_str());
     // An answer that came after its time-out is still on the line: taken
@@ -38,7 +45,7 @@ int get_point_value(int &fd, const char *address_hex, const char *code, uint32_t
         perror("write");
         g_print("close uart\n");
         uart_close(fd);
-        fd = -1;
+        port.open = false;
         return 1;
     }
     char answer[ANSWER_SIZE + 1] = {};
@@ -86,7 +93,7 @@ static int delta_dvp32ec_probe()
     const int r = driver_common_probe(delta_dvp32ec_drv, __func__, sizeof(dvp_priv),
                                       "delta_dvp32ec_drv.drv.priv != NULL\n");
     if (fresh && delta_dvp32ec_drv.priv != nullptr)
-        static_cast<dvp_priv *>(delta_dvp32ec_drv.priv)->fd = -1;
+        *static_cast<dvp_priv *>(delta_dvp32ec_drv.priv) = {-1, false};
     return r;
 }
 
@@ -127,10 +134,11 @@ static int delta_dvp32ec_open(plc_device *dev)
         g_print("serial_number err\n");
         return -1;
     }
-    if (priv->fd >= 0)
+    if (priv->open)
         close(priv->fd); // a port left open by an earlier open
     priv->fd = open(path, O_RDWR | O_NOCTTY | O_NONBLOCK);
-    if (priv->fd < 0) {
+    priv->open = priv->fd >= 0;
+    if (!priv->open) {
         g_print("open error : %s\n", path);
         return -1;
     }
@@ -147,12 +155,15 @@ static int delta_dvp32ec_release(plc_device *)
     dvp_priv *priv = dvp_data(__func__);
     if (priv == nullptr)
         return -1;
-    if (priv->fd >= 0)
+    if (priv->open)
         close(priv->fd);
-    priv->fd = -1;
+    priv->open = false;
     return 0;
 }
 
+// node_addr is the reading loop's own copy of the node's address: it is
+// upper-cased in place, so the published address is the one read ("d100"
+// goes out as "D100").
 static int delta_dvp32ec_read(plc_device *dev, const char *node_addr, uint32_t data_type,
                               char *value)
 {
@@ -160,8 +171,7 @@ static int delta_dvp32ec_read(plc_device *dev, const char *node_addr, uint32_t d
     dvp_priv *priv = dvp_data(__func__);
     if (priv == nullptr)
         return -1;
-    char address[16] = {};
-    snprintf(address, sizeof address, "%s", node_addr);
+    char *address = const_cast<char *>(node_addr);
     char code[3];
     if (get_code(code, address, data_type) != 0) {
         g_print("get code err\n");
@@ -169,10 +179,16 @@ static int delta_dvp32ec_read(plc_device *dev, const char *node_addr, uint32_t d
     }
     char letter = 0;
     char hex[5];
-    mapping(address, &letter, hex);
+    if (mapping(address, &letter, hex) != 0) {
+        // Unmasked, the start address takes more than four digits (D28672
+        // gives 10000), which leaves the LRC an odd number of digits to
+        // sum: the request cannot be formed and is not sent.
+        g_print("get_LRC : input_len%%2 != 0\n");
+        return -1;
+    }
     uint32_t v = 0;
     const serial_device *sd = as_serial(dev);
-    if (priv->fd < 0 || sd == nullptr || get_point_value(priv->fd, hex, code, &v, sd->station_num) != 0)
+    if (sd == nullptr || get_point_value(*priv, hex, code, &v, sd->station_num) != 0)
         return -1;
     snprintf(value, NODE_VALUE_SIZE, "%d", static_cast<int>(v));
     g_print("<%s> = %s\n", address, value);

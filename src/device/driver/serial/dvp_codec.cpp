@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "device/driver/number_scan.h"
+
 namespace {
 
 int hex_value(char c)
@@ -63,35 +65,39 @@ int get_code(char code_out[3], char *address, uint32_t data_type)
     return 0;
 }
 
-void mapping(const char *address, char *letter_out, char hex_out[5])
+int mapping(const char *address, char *letter_out, char hex_out[5])
 {
-    char letter = 0;
-    int n = 0;
-    sscanf(address, "%c%d", &letter, &n);
-    if (letter >= 'a' && letter <= 'z')
-        letter = static_cast<char>(letter - 'a' + 'A');
+    const char letter = g_ascii_toupper(address[0]);
+    // Held far above every area, so that no number wraps round into range.
+    constexpr long long CAP = 1000000000;
+    long long n = scan_number(address[0] != '\0' ? address + 1 : address, 10, CAP);
     if (letter == 'X' || letter == 'Y') {
         // Inputs and outputs are numbered in octal: X17 is input 15. A
         // number with no octal digit keeps its decimal reading (X8).
-        unsigned o = 0;
-        char l2 = 0;
-        if (sscanf(address, "%c%o", &l2, &o) == 2)
-            n = static_cast<int>(o);
+        bool octal = false;
+        const long long o = scan_number(address + 1, 8, CAP, &octal);
+        if (octal)
+            n = o;
     }
-    unsigned base = 0;
-    const auto u = static_cast<unsigned>(n);
+    long long start = 0;
     switch (letter) {
-    case 'S': base = u; break;
-    case 'X': base = 0x400 + u; break;
-    case 'Y': base = 0x500 + u; break;
-    case 'T': base = 0x600 + u; break;
-    case 'M': base = u < 1536 ? 0x800 + u : 0xB000 + u; break;
-    case 'C': base = 0xE00 + u; break;
-    case 'D': base = u < 4096 ? 0x1000 + u : 0x9000 + u; break;
-    default: base = 0; break;
+    case 'S': start = n; break;
+    case 'X': start = 0x400 + n; break;
+    case 'Y': start = 0x500 + n; break;
+    case 'T': start = 0x600 + n; break;
+    case 'M': start = n < 1536 ? 0x800 + n : 0xB000 + n; break;
+    case 'C': start = 0xE00 + n; break;
+    case 'D': start = n < 4096 ? 0x1000 + n : 0x9000 + n; break;
+    default: start = 0; break;
     }
     *letter_out = letter;
-    snprintf(hex_out, 5, "%04X", base & 0xFFFF);
+    hex_out[0] = '\0';
+    // Masked into four digits, D28672 would read S0 and D-5 another D
+    // register; no register of the PLC lies out there.
+    if (n < 0 || start > 0xFFFF)
+        return -1;
+    snprintf(hex_out, 5, "%04X", static_cast<unsigned>(start));
+    return 0;
 }
 
 std::string dvp_request(uint32_t station, const char *code, const char *address_hex)
