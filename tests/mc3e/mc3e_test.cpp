@@ -76,6 +76,11 @@ TEST(Mc3eRequest, BinaryFramesFromAddresses)
     ASSERT_EQ(request_of(0, "X1F").size(), MC_REQUEST_HEX_LEN);
     EXPECT_EQ(request_of(0, "X1F")[15], 1) << "X numbers are read as decimal";
     EXPECT_EQ(request_of(0, "Y17")[15], 17);
+
+    const bytes huge = request_of(1, "D99999999999");
+    ASSERT_EQ(huge.size(), MC_REQUEST_HEX_LEN);
+    EXPECT_EQ(bytes(huge.begin() + 15, huge.begin() + 18), (bytes{0xFF, 0xFF, 0xFF}))
+        << "a number past int is held at its largest, not wrapped to another device";
 }
 
 TEST(Mc3eRequest, RefusedAddressesAndUnits)
@@ -83,6 +88,8 @@ TEST(Mc3eRequest, RefusedAddressesAndUnits)
     EXPECT_NE(refusal_log(1, "100").find("code_len = 0\n"), std::string::npos);
     EXPECT_NE(refusal_log(1, "").find("code_len = 0\n"), std::string::npos);
     EXPECT_NE(refusal_log(1, "QX1").find("ascii_code can't match in code_map\n"), std::string::npos);
+    EXPECT_NE(refusal_log(1, "D-5").find("head_num < 0 : D-5\n"), std::string::npos)
+        << "a negative head is no device (it would go out as FB FF FF)";
     EXPECT_NE(refusal_log(0, "D100").find("soft_component_type != E_BIT_SOFT_COMPONENT\n"),
               std::string::npos)
         << "a word device is not read in bit units";
@@ -132,6 +139,9 @@ TEST(Mc3eRequest, AsciiFrame)
     err = capture_output([&] { EXPECT_EQ(output_ascii_MC_bulk_read_msg(&m, text, sizeof text), -1); }).err;
     EXPECT_NE(err.find("output len != output_len [ascii]\n"), std::string::npos)
         << "a head number of seven decimal digits does not fit the frame";
+    ASSERT_EQ(build_MC_bulk_read_word_msg(&m, 0xA8, 0xFFFFFFFF, 1), 0);
+    ASSERT_EQ(output_ascii_MC_bulk_read_msg(&m, text, sizeof text), 42);
+    EXPECT_STREQ(text, "500000ff03ff000018001004010000D*-000010001") << "the head is written signed";
 
     const std::string out = capture_output([&] {
         ASSERT_EQ(build_MC_bulk_read_bit_msg_2(&m, "M20"), 0);

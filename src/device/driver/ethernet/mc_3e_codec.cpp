@@ -2,8 +2,11 @@
 
 #include <glib.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
+
+#include "device/driver/number_scan.h"
 
 #define MC_LOG(fmt, ...) g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d " fmt, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
@@ -124,9 +127,9 @@ int transform_soft_component_code_hex_to_ascii(uint8_t code, char text[3])
 int analyze_soft_component(int kind, const char *address, uint8_t *code, uint32_t *number)
 {
     char letters[4] = {};
-    int n = 0;
-    // The number is always decimal, X and Y included (X1F reads as X1).
-    if (address == nullptr || sscanf(address, "%2[a-zA-Z]%d", letters, &n) < 1 || letters[0] == '\0') {
+    int used = 0;
+    if (address == nullptr || sscanf(address, "%2[a-zA-Z]%n", letters, &used) < 1 ||
+        letters[0] == '\0') {
         MC_LOG("code_len = 0\n");
         return -1;
     }
@@ -137,6 +140,15 @@ int analyze_soft_component(int kind, const char *address, uint8_t *code, uint32_
         letters[1] = kind == 1 ? 'N' : 'S';
     if (transform_soft_component_code_ascii_to_hex(letters, code) != 0)
         return -1;
+    // The number as "%d" reads it (spaces, a sign, decimal digits, X and Y
+    // included: X1F reads as X1; none at all reads as 0). Held at INT_MAX
+    // instead of overflowing, as the QnA 4C codec does. A negative one names
+    // no device (D-5 would go out as FB FF FF) and is refused.
+    const long long n = scan_number(address + used, 10, INT_MAX);
+    if (n < 0) {
+        MC_LOG("head_num < 0 : %s\n", address);
+        return -1;
+    }
     *number = static_cast<uint32_t>(n);
     return 0;
 }
@@ -244,11 +256,12 @@ int output_ascii_MC_bulk_read_msg(const MC_bulk_read_msg *msg, char *buffer, siz
     // Lower-case hex digits, head number and points in decimal: as the
     // gateway has always sent them.
     char text[64];
-    const int n = snprintf(text, sizeof text, "%02x%02x%02x%02x%04x%02x%04x%04x%04x%04x%s%06u%04u",
+    const int n = snprintf(text, sizeof text, "%02x%02x%02x%02x%04x%02x%04x%04x%04x%04x%s%06d%04d",
                            msg->request_subheader & 0xFF, msg->request_subheader >> 8,
                            msg->net_num, msg->plc_num, msg->module_io_num, msg->module_station_num,
                            msg->request_ascii_len, msg->monitor_timer, msg->command,
-                           msg->subcommand, msg->soft_component_ascii, msg->head_num, msg->points);
+                           msg->subcommand, msg->soft_component_ascii,
+                           static_cast<int32_t>(msg->head_num), msg->points);
     if (n != static_cast<int>(MC_REQUEST_ASCII_LEN)) {
         MC_LOG("output len != output_len [ascii]\n");
         return -1;
