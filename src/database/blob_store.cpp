@@ -12,6 +12,7 @@
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"
 #include "device/plc/plc_serial.h"
+#include "service/runtime.h"
 
 // Failures here are logged at error level, which ends the process: a store
 // that cannot be opened or written stops the service before it serves.
@@ -56,6 +57,14 @@ int count_rows(sqlite3 *conn, const char *text, bool *failed)
         *failed = true;
     sqlite3_finalize(st);
     return rows;
+}
+
+// The payload at its whole length: one past what SQLite holds is refused
+// as too big, where a length cut to int would store part of the message.
+int bind_payload(sqlite3_stmt *st, int index, const uint8_t *payload, size_t length)
+{
+    return sqlite3_bind_blob64(st, index, payload, static_cast<sqlite3_uint64>(length),
+                               SQLITE_TRANSIENT);
 }
 
 } // namespace
@@ -117,8 +126,7 @@ int database_save_message(const char *file, const char *table, int id, const cha
         // An existing row keeps its NAME: only the message is replaced.
         snprintf(text, sizeof text, "UPDATE '%s' SET PAYLOAD = ? WHERE ID = %d", table, id);
         st = prepare(__func__, conn, text);
-        if (sqlite3_bind_blob(st, 1, payload, static_cast<int>(length), SQLITE_TRANSIENT) !=
-            SQLITE_OK)
+        if (bind_payload(st, 1, payload, length) != SQLITE_OK)
             g_error("<%s>: Failed to bind blob(update)\n", __func__);
     } else {
         snprintf(text, sizeof text, "INSERT INTO '%s'(ID,NAME,PAYLOAD) VALUES(?,?,?)", table);
@@ -127,8 +135,7 @@ int database_save_message(const char *file, const char *table, int id, const cha
             g_error("<%s>: Failed to bind int: %d", __func__, id);
         if (sqlite3_bind_text(st, 2, name, -1, SQLITE_TRANSIENT) != SQLITE_OK)
             g_error("<%s>: Failed to bind text: %s", __func__, name);
-        if (sqlite3_bind_blob(st, 3, payload, static_cast<int>(length), SQLITE_TRANSIENT) !=
-            SQLITE_OK)
+        if (bind_payload(st, 3, payload, length) != SQLITE_OK)
             g_error("<%s>: Failed to bind blob(insert)\n", __func__);
     }
     g_print("<%s>: SQL:%s\n", __func__, text);
@@ -178,6 +185,9 @@ int on_restore_serial_device_callback(const uint8_t *payload, size_t length)
     MsgPlcDevSerial *msg = msg_plc_dev_serial__unpack(nullptr, copy.size(), copy.data());
     if (msg == nullptr)
         return 0;
+    // The lists may be in use by the reading thread: a restored record is
+    // a configuration change like any other.
+    config_change_frame change;
     if (device_find(msg->dev_id) != nullptr) {
         g_print("<%s> same dev_id, can not add.\n", __func__);
         msg_plc_dev_serial__free_unpacked(msg, nullptr);
@@ -203,6 +213,7 @@ int on_restore_ethernet_device_callback(const uint8_t *payload, size_t length)
     MsgPlcDevEthernet *msg = msg_plc_dev_ethernet__unpack(nullptr, copy.size(), copy.data());
     if (msg == nullptr)
         return 0;
+    config_change_frame change;
     if (device_find(msg->dev_id) != nullptr) {
         g_print("<%s> same dev_id, can not add.\n", __func__);
         msg_plc_dev_ethernet__free_unpacked(msg, nullptr);
@@ -225,6 +236,7 @@ int on_restore_node_table_callback(const uint8_t *payload, size_t length)
     MsgPlcNode *msg = msg_plc_node__unpack(nullptr, length, payload);
     if (msg == nullptr)
         return 0;
+    config_change_frame change;
     if (device_find(msg->dev_id) == nullptr) {
         msg_plc_node__free_unpacked(msg, nullptr);
         return 0;

@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <future>
+
 #include "database/blob_store.h"
 #include "database/device_db.pb-c.h"
 #include "database/plc_database.h"
 #include "database/restore.h"
 #include "device/driver/driver.h"
+#include "service/runtime.h"
 #include "support/sqlite_rows.h"
 #include "support/test_util.h"
 
@@ -166,6 +169,14 @@ TEST_F(Database, BlobStoreSavesReplacesDeletesAndRestores)
     capture_output([] { database_delete_message("plc_service.db", "PlcNode", 2); });
     EXPECT_EQ(sqlite_rows("plc_service.db", "select ID from PlcNode"),
               (std::vector<std::string>{"1"}));
+
+    // A length past what SQLite holds is refused as too big, which ends the
+    // process, where a length cut to int stored the first few bytes.
+    const size_t huge = (size_t{1} << 32) + 5;
+    EXPECT_DEATH(database_save_message("plc_service.db", "PlcNode", 3, "big", bytes(a), huge),
+                 "Failed to bind blob\\(insert\\)");
+    EXPECT_DEATH(database_save_message("plc_service.db", "PlcNode", 1, "one", bytes(a), huge),
+                 "Failed to bind blob\\(update\\)");
 }
 
 TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
@@ -180,7 +191,22 @@ TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
     s.dev_serial_baudrate = 19200;
     std::vector<uint8_t> buf(msg_plc_dev_serial__get_packed_size(&s));
     msg_plc_dev_serial__pack(&s, buf.data());
-    EXPECT_EQ(on_restore_serial_device_callback(buf.data(), buf.size()), 0);
+    // A restored record is a configuration change: it waits for the lists'
+    // lock and leaves the change flag at 2 for the reading thread.
+    List_Change_Flag.store(0);
+    capture_output([&] {
+        std::future<int> done;
+        {
+            std::lock_guard<std::mutex> hold(node_table_slist_mutex);
+            done = std::async(std::launch::async, [&] {
+                return on_restore_serial_device_callback(buf.data(), buf.size());
+            });
+            EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout)
+                << "registered without the lock";
+        }
+        EXPECT_EQ(done.get(), 0);
+    });
+    EXPECT_EQ(List_Change_Flag.load(), 2);
     auto *dev = static_cast<serial_device *>(device_find(4));
     ASSERT_NE(dev, nullptr);
     EXPECT_EQ(dev->serial_number, 2u);
@@ -196,7 +222,9 @@ TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
     n.node_alarm_enable = true;
     buf.assign(msg_plc_node__get_packed_size(&n), 0);
     msg_plc_node__pack(&n, buf.data());
+    List_Change_Flag.store(0);
     EXPECT_EQ(on_restore_node_table_callback(buf.data(), buf.size()), 0);
+    EXPECT_EQ(List_Change_Flag.load(), 2);
     ASSERT_NE(node_table_find(8), nullptr);
     EXPECT_EQ(node_table_find(8)->node_alarm_value_minor, -9);
     EXPECT_EQ(node_table_find(8)->node_alarm_enable, 1);
