@@ -1,5 +1,7 @@
 #include "ipc/ipc_system.h"
 
+#include <initializer_list>
+
 GatewaySystemService *systemService_proxy = nullptr;
 
 GatewaySystemService *create_systemService_proxy()
@@ -48,26 +50,42 @@ bool call_went_through(const char *func, int line, gboolean ok, GError *error)
     return false;
 }
 
+bool all_texts(std::initializer_list<const gchar *> texts)
+{
+    for (const gchar *t : texts)
+        if (t == nullptr)
+            return false;
+    return true;
+}
+
 } // namespace
 
 // Runs gateway_system_service_call_<method>_sync with the given arguments
 // (outs, and &response where the method has one), the common checks and
-// logs, and leaves the wrapper on failure with -1.
-#define IPC_CALL(method, ...)                                                                   \
+// logs, and leaves the wrapper on failure with -1. IPC_CALL_IF first
+// requires `args_ok`: the wrapper's pointers (records, their texts, outs)
+// are there, since the generated call would crash on a null one.
+#define IPC_CALL_IF(args_ok, method, ...)                                                       \
     if (!begin_call(__func__, __LINE__))                                                        \
         return -1;                                                                              \
+    if (!(args_ok)) {                                                                           \
+        g_warning("%s:%d invalid argument\n", __func__, __LINE__);                              \
+        return -1;                                                                              \
+    }                                                                                           \
     GError *error = nullptr;                                                                    \
     const gboolean went_through = gateway_system_service_call_##method##_sync(                  \
         systemService_proxy, __VA_ARGS__ __VA_OPT__(, ) nullptr, &error);                       \
     if (!call_went_through(__func__, __LINE__, went_through, error))                            \
         return -1;
+#define IPC_CALL(method, ...) IPC_CALL_IF(true, method __VA_OPT__(, ) __VA_ARGS__)
 
 int ipc_system_register_info_req(ipc_register_info *info)
 {
     gint response = -1;
     guint type = 0;
-    IPC_CALL(req_register_info, &type, &info->dev_gateway_id, &info->dev_gateway_hw_ver,
-             &info->dev_gateway_sf_ver, &info->dev_modem_imei, &info->dev_modem_mac, &response)
+    IPC_CALL_IF(info != nullptr, req_register_info, &type, &info->dev_gateway_id,
+                &info->dev_gateway_hw_ver, &info->dev_gateway_sf_ver, &info->dev_modem_imei,
+                &info->dev_modem_mac, &response)
     info->dev_gateway_type = type;
     if (response == 0) {
         g_info("gateway_type: %d\n", info->dev_gateway_type);
@@ -83,19 +101,21 @@ int ipc_system_register_info_req(ipc_register_info *info)
 int ipc_system_register_info_resp(const ipc_register_info_resp *info)
 {
     gint response = -1;
-    IPC_CALL(resp_register_info, info->dev_gateway_name, info->dev_gateway_desc,
-             info->dev_gateway_passwd, &response)
+    IPC_CALL_IF(info != nullptr && all_texts({info->dev_gateway_name, info->dev_gateway_desc,
+                                              info->dev_gateway_passwd}),
+                resp_register_info, info->dev_gateway_name, info->dev_gateway_desc,
+                info->dev_gateway_passwd, &response)
     return response;
 }
 
 int ipc_system_system_info_req(ipc_system_info *i)
 {
     gint response = -1;
-    IPC_CALL(req_system_info, &i->dev_modem_type, &i->dev_modem_reported, &i->dev_modem_ip,
-             &i->dev_modem_mask, &i->dev_modem_gateway, &i->dev_modem_mac, &i->dev_wan_reported,
-             &i->dev_wan_ip, &i->dev_wan_mask, &i->dev_wan_gateway, &i->dev_wan_mac,
-             &i->dev_lan_reported, &i->dev_lan_ip, &i->dev_lan_mask, &i->dev_lan_gateway,
-             &i->dev_lan_mac, &response)
+    IPC_CALL_IF(i != nullptr, req_system_info, &i->dev_modem_type, &i->dev_modem_reported,
+                &i->dev_modem_ip, &i->dev_modem_mask, &i->dev_modem_gateway, &i->dev_modem_mac,
+                &i->dev_wan_reported, &i->dev_wan_ip, &i->dev_wan_mask, &i->dev_wan_gateway,
+                &i->dev_wan_mac, &i->dev_lan_reported, &i->dev_lan_ip, &i->dev_lan_mask,
+                &i->dev_lan_gateway, &i->dev_lan_mac, &response)
     if (response == 0) {
         g_info("dev_modem_type: %d\n", i->dev_modem_type);
         g_info("dev_modem_reported: %d\n", i->dev_modem_reported);
@@ -120,15 +140,21 @@ int ipc_system_system_info_req(ipc_system_info *i)
 int ipc_system_lan_settings_req(const ipc_lan_settings *lan)
 {
     gint response = -1;
-    IPC_CALL(set_lan_info, lan->dev_lan_ip, lan->dev_lan_mask, lan->dev_lan_gateway, &response)
+    IPC_CALL_IF(lan != nullptr &&
+                    all_texts({lan->dev_lan_ip, lan->dev_lan_mask, lan->dev_lan_gateway}),
+                set_lan_info, lan->dev_lan_ip, lan->dev_lan_mask, lan->dev_lan_gateway, &response)
     return response;
 }
 
 int ipc_system_save_bussiness_cloud(const ipc_cloud_settings *cloud)
 {
     gint response = -1;
-    IPC_CALL(set_cloud_info, cloud->cloud_type, cloud->cloud_url, cloud->cloud_username,
-             cloud->cloud_password, cloud->cloud_plen_topic, &response)
+    IPC_CALL_IF(cloud != nullptr &&
+                    all_texts({cloud->cloud_url, cloud->cloud_username, cloud->cloud_password}) &&
+                    cloud->cloud_plen_topic != nullptr &&
+                    g_variant_is_of_type(cloud->cloud_plen_topic, G_VARIANT_TYPE("a(ssu)")),
+                set_cloud_info, cloud->cloud_type, cloud->cloud_url, cloud->cloud_username,
+                cloud->cloud_password, cloud->cloud_plen_topic, &response)
     return response;
 }
 
@@ -150,7 +176,8 @@ int ipc_system_get_server_info(gchar **server_ip, uint32_t *server_port)
 {
     gint response = -1;
     guint port = 0;
-    IPC_CALL(get_server_info, server_ip, &port, &response)
+    IPC_CALL_IF(server_ip != nullptr && server_port != nullptr, get_server_info, server_ip, &port,
+                &response)
     *server_port = port;
     if (response == 0) {
         g_info("server_ip = %s\n", *server_ip);
@@ -163,7 +190,9 @@ int ipc_system_req_gateway_info(gchar **dev_gateway_id, gchar **dev_gateway_name
                                 gchar **dev_gateway_type)
 {
     gint response = -1;
-    IPC_CALL(req_gateway_info, dev_gateway_id, dev_gateway_name, dev_gateway_type, &response)
+    IPC_CALL_IF(dev_gateway_id != nullptr && dev_gateway_name != nullptr &&
+                    dev_gateway_type != nullptr,
+                req_gateway_info, dev_gateway_id, dev_gateway_name, dev_gateway_type, &response)
     if (response == 0) {
         g_info("dev_gateway_id = %s\n", *dev_gateway_id);
         g_info("dev_gateway_name = %s\n", *dev_gateway_name);
@@ -178,8 +207,10 @@ int ipc_system_get_bussiness_cloud(uint32_t *cloud_type, gchar **cloud_url,
 {
     gint response = -1;
     guint type = 0;
-    IPC_CALL(get_cloud_info, &type, cloud_url, cloud_username, cloud_password, cloud_plen_topic,
-             &response)
+    IPC_CALL_IF(cloud_type != nullptr && cloud_url != nullptr && cloud_username != nullptr &&
+                    cloud_password != nullptr && cloud_plen_topic != nullptr,
+                get_cloud_info, &type, cloud_url, cloud_username, cloud_password,
+                cloud_plen_topic, &response)
     *cloud_type = type;
     if (response == 0) {
         g_info("cloud_type = %u\n", *cloud_type);
@@ -224,7 +255,7 @@ int ipc_system_get_scan_interval(uint32_t *interval)
 {
     gint response = -1;
     guint value = 0;
-    IPC_CALL(get_scan_interval, &value, &response)
+    IPC_CALL_IF(interval != nullptr, get_scan_interval, &value, &response)
     *interval = value;
     if (response == 0)
         g_info("scanInterval = %u\n", *interval);
@@ -267,7 +298,7 @@ int ipc_system_destroy_gateway_req()
 int ipc_system_get_gateway_id(gchar **dev_gateway_id)
 {
     gint response = -1;
-    IPC_CALL(get_gateway_id, dev_gateway_id, &response)
+    IPC_CALL_IF(dev_gateway_id != nullptr, get_gateway_id, dev_gateway_id, &response)
     if (response == 0)
         g_info("dev_gateway_id = %s\n", *dev_gateway_id);
     return response;
@@ -284,7 +315,7 @@ int ipc_system_get_plen_heartbeat(uint32_t *heartbeat)
 {
     gint response = -1;
     guint value = 0;
-    IPC_CALL(get_plen_heartbeat, &value, &response)
+    IPC_CALL_IF(heartbeat != nullptr, get_plen_heartbeat, &value, &response)
     *heartbeat = value;
     if (response == 0)
         g_info("heartbeat = %u\n", *heartbeat);

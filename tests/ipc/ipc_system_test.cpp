@@ -1,6 +1,9 @@
 // The system service client against the stand-in service on a private bus.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <iterator>
+
 #include "ipc/ipc_system.h"
 #include "service/log.h"
 #include "support/bus.h"
@@ -160,6 +163,49 @@ TEST_F(IpcSystem, FailedCallsAndMissingProxyGiveMinusOne)
     EXPECT_EQ(r, -1);
     EXPECT_NE(c.err.find(" systemService_proxy = NULL\n"), std::string::npos) << c.err;
     EXPECT_EQ(standin_.calls("setScanInterval"), 0);
+}
+
+TEST_F(IpcSystem, MissingArgumentsFailBeforeAnyCall)
+{
+    gchar *text = nullptr;
+    uint32_t number = 0;
+    GVariant *topics = nullptr;
+    GVariant *wrong = g_variant_ref_sink(g_variant_new_parsed("[('t', 'd')]"));
+    ipc_cloud_settings no_topics{3, "mqtt://x", "u", "p", nullptr};
+    ipc_cloud_settings wrong_topics{3, "mqtt://x", "u", "p", wrong};
+    ipc_cloud_settings no_url{3, nullptr, "u", "p", wrong};
+    ipc_lan_settings lan{"192.0.2.1", nullptr, "192.0.2.254"};
+    ipc_register_info_resp resp{"gw", "desc", nullptr};
+    const std::function<int()> calls[] = {
+        [&] { return ipc_system_save_bussiness_cloud(&no_topics); },
+        [&] { return ipc_system_save_bussiness_cloud(&wrong_topics); },
+        [&] { return ipc_system_save_bussiness_cloud(&no_url); },
+        [&] { return ipc_system_save_bussiness_cloud(nullptr); },
+        [&] { return ipc_system_lan_settings_req(&lan); },
+        [&] { return ipc_system_lan_settings_req(nullptr); },
+        [&] { return ipc_system_register_info_resp(&resp); },
+        [&] { return ipc_system_register_info_req(nullptr); },
+        [&] { return ipc_system_system_info_req(nullptr); },
+        [&] { return ipc_system_get_server_info(nullptr, &number); },
+        [&] { return ipc_system_get_server_info(&text, nullptr); },
+        [&] { return ipc_system_req_gateway_info(&text, nullptr, &text); },
+        [&] { return ipc_system_get_bussiness_cloud(&number, &text, &text, &text, nullptr); },
+        [&] { return ipc_system_get_bussiness_cloud(nullptr, &text, &text, &text, &topics); },
+        [&] { return ipc_system_get_scan_interval(nullptr); },
+        [&] { return ipc_system_get_gateway_id(nullptr); },
+        [&] { return ipc_system_get_plen_heartbeat(nullptr); },
+    };
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        int r = 0;
+        const Captured c = capture_output([&] { r = calls[i](); });
+        EXPECT_EQ(r, -1) << "call " << i;
+        EXPECT_NE(c.err.find(" invalid argument\n"), std::string::npos) << "call " << i << c.err;
+    }
+    g_variant_unref(wrong);
+    for (const char *m : {"setCloudInfo", "setLanInfo", "respRegisterInfo", "reqRegisterInfo",
+                          "reqSystemInfo", "getServerInfo", "reqGatewayInfo", "getCloudInfo",
+                          "getScanInterval", "getGatewayID", "getPlenHeartbeat"})
+        EXPECT_EQ(standin_.calls(m), 0) << m;
 }
 
 TEST_F(IpcSystem, VanishedServiceIsAFailureNotASuccess)
