@@ -86,7 +86,7 @@ private:
     void attempt();
     void watch_socket();
     void unwatch_socket();
-    void lost();
+    void lost(const std::string &why);
     void schedule_retry();
     void io(GIOCondition cond);
 
