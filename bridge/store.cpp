@@ -446,11 +446,15 @@ std::unique_ptr<Store> Store::open(const std::string &path, uint64_t max_bytes,
         }
         sqlite3_extended_result_codes(raw, 1);
         sqlite3_wal_hook(raw, wal_hook, &impl->wal_frames);
+        // Closing would copy the WAL into a file that is about to be set
+        // aside, and remove the WAL: it must go aside as it was found.
+        sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
         if (!impl->open_schema(why)) {
             const int code = sqlite3_errcode(raw) & 0xff;
             *busy = code == SQLITE_BUSY || code == SQLITE_LOCKED;
             return nullptr;
         }
+        sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
         return impl;
     };
 

@@ -34,10 +34,11 @@ public:
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
 
-    // Appends messages in one transaction, in order (a batch larger than a
-    // sixteenth of the cap goes in several, in order). When the store would
-    // pass its cap, the oldest go first; their values are added to
-    // dropped_values(), as are those of a message too large to keep at all.
+    // Appends messages in one transaction, in order (a batch of more than
+    // 1 MiB, or a thirty-second of a smaller cap, goes in several, in order).
+    // When the store would pass its cap, the oldest go first; their values
+    // are added to dropped_values(), as are those of a message larger than
+    // one such transaction (it cannot be kept within the cap).
     // False when the disk refused (the caller logs once and goes on).
     struct Item {
         std::string_view topic;

@@ -286,10 +286,18 @@ TEST(StoreRecovery, FileThatIsNoStoreIsSetAsideAndANewStoreStarts)
                  junk.push_back(static_cast<char>(i * 7919 >> 3));
              dstest::write_file(p, junk);
          }},
-        {"garbage with a leftover WAL",
+        {"damaged store with commits in its WAL",
          [](const std::string &p) {
-             dstest::write_file(p, std::string(8192, '\x42'));
-             dstest::write_file(p + "-wal", std::string(4096, '\x17'));
+             make_full_store(p);
+             std::string wal;
+             {
+                 auto s = open_store(p);
+                 ASSERT_TRUE(s && append_numbers(*s, 4001, 4010, 300));
+                 wal = read_bytes(p + "-wal");
+             }
+             ASSERT_GT(wal.size(), 4096u);
+             scribble(p, 4096 * 20 + 100, 3000);
+             dstest::write_file(p + "-wal", wal);
          }},
         {"truncated store",
          [](const std::string &p) {
@@ -319,6 +327,8 @@ TEST(StoreRecovery, FileThatIsNoStoreIsSetAsideAndANewStoreStarts)
         const std::string path = dir.file("store.db");
         c.make(path);
         const std::string original = read_bytes(path);
+        const std::string original_wal =
+            size_on_disk(path + "-wal") ? read_bytes(path + "-wal") : "";
         std::string notice;
         auto s = Store::open(path, 64 * kMiB, &notice);
         ASSERT_TRUE(s) << notice;
@@ -329,6 +339,11 @@ TEST(StoreRecovery, FileThatIsNoStoreIsSetAsideAndANewStoreStarts)
         const std::string aside = notice.substr(at + 13, notice.find(',', at) - at - 13);
         EXPECT_EQ(aside.rfind(path + ".corrupt-", 0), 0u) << aside;
         EXPECT_TRUE(read_bytes(aside) == original) << "the file set aside differs";
+        // A WAL left behind goes with its database: played into the new
+        // store it would bring back the old one's pages.
+        if (!original_wal.empty()) {
+            EXPECT_TRUE(read_bytes(aside + "-wal") == original_wal) << "the WAL set aside differs";
+        }
         EXPECT_TRUE(s->empty());
         EXPECT_EQ(s->dropped_values(), 0u);
         ASSERT_TRUE(append_numbers(*s, 1, 10));
