@@ -86,7 +86,7 @@ struct Store::Impl {
     uint64_t max_bytes = 0;
     Db db;
     // Statements after the connection: they are finalized before it closes.
-    Stmt insert, peek, remove, oldest, set_dropped, begin, commit, rollback;
+    Stmt insert, peek, remove, oldest, set_dropped, begin, commit, rollback, pages, unused;
     uint64_t count = 0;
     uint64_t dropped = 0;
     int wal_frames = 0;              // frames in the WAL after the last commit
@@ -173,13 +173,19 @@ struct Store::Impl {
             wal_frames = 0;
     }
 
+    // The one integer a prepared query returns; -1 on failure.
+    static int64_t value_of(sqlite3_stmt *st)
+    {
+        const int64_t v = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
+        sqlite3_reset(st);
+        return v;
+    }
+
     // Bytes free for rows without growing the database past its cap.
     int64_t free_bytes()
     {
-        const int64_t pages = scalar("PRAGMA page_count");
-        const int64_t unused = scalar("PRAGMA freelist_count");
         // Pages fill to about nine tenths when rows are appended at the end.
-        return (db_pages - pages + unused) * kPageSize * 9 / 10;
+        return (db_pages - value_of(pages.get()) + value_of(unused.get())) * kPageSize * 9 / 10;
     }
 
     struct Evicted {
@@ -290,7 +296,8 @@ bool Store::Impl::prepare_all()
                            "ORDER BY id") &&
            prepare(set_dropped, "UPDATE meta SET value = ? WHERE key = 'dropped_values'") &&
            prepare(begin, "BEGIN IMMEDIATE") && prepare(commit, "COMMIT") &&
-           prepare(rollback, "ROLLBACK");
+           prepare(rollback, "ROLLBACK") && prepare(pages, "PRAGMA page_count") &&
+           prepare(unused, "PRAGMA freelist_count");
 }
 
 // Sets the connection up and checks (or creates) the schema. False with
@@ -384,13 +391,13 @@ bool Store::Impl::open_schema(std::string *why)
 // new cap and rewrite the file at its new size, once, at opening.
 bool Store::Impl::shrink_to_cap(std::string *why)
 {
-    const int64_t pages = scalar("PRAGMA page_count");
-    if (pages > db_pages) {
+    const int64_t total = value_of(pages.get());
+    if (total > db_pages) {
         if (run(begin.get()) != SQLITE_DONE) {
             *why = errmsg();
             return false;
         }
-        const int64_t used = (pages - scalar("PRAGMA freelist_count")) * kPageSize;
+        const int64_t used = (total - value_of(unused.get())) * kPageSize;
         Evicted gone;
         if (used > db_pages * kPageSize * 8 / 10 &&
             !evict(used - db_pages * kPageSize * 8 / 10, gone)) {
