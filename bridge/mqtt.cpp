@@ -1,6 +1,7 @@
 #include "mqtt.h"
 
 #include <mosquitto.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -60,14 +61,19 @@ struct MqttClient::SocketSource {
     GSource base;
     MqttClient *owner;
     gpointer tag;
+    GIOCondition events;
 
     static gboolean prepare(GSource *s, gint *timeout)
     {
         auto *self = reinterpret_cast<SocketSource *>(s);
         const bool out = mosquitto_want_write(self->owner->mosq_);
-        g_source_modify_unix_fd(s, self->tag,
-                                static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR |
-                                                          (out ? G_IO_OUT : 0)));
+        const auto events = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR | (out ? G_IO_OUT : 0));
+        // Every change of the watched events wakes the main context up:
+        // changing them on each iteration would keep the loop spinning.
+        if (events != self->events) {
+            g_source_modify_unix_fd(s, self->tag, events);
+            self->events = events;
+        }
         *timeout = -1;
         return FALSE;
     }
@@ -167,7 +173,8 @@ void MqttClient::watch_socket()
     source_ = g_source_new(&funcs, sizeof(SocketSource));
     auto *s = reinterpret_cast<SocketSource *>(source_);
     s->owner = this;
-    s->tag = g_source_add_unix_fd(source_, fd, static_cast<GIOCondition>(G_IO_IN | G_IO_OUT));
+    s->events = static_cast<GIOCondition>(G_IO_IN | G_IO_OUT);
+    s->tag = g_source_add_unix_fd(source_, fd, s->events);
     g_source_set_name(source_, "mqtt socket");
     g_source_attach(source_, nullptr);
     // Keep-alive pings and their time-outs.
@@ -189,23 +196,28 @@ void MqttClient::unwatch_socket()
 
 void MqttClient::io(GIOCondition cond)
 {
-    // TLS may hold a further packet already read from the socket: read until
-    // libmosquitto finds nothing more (bounded, so one busy peer cannot
-    // starve the loop).
-    if ((cond & (G_IO_IN | G_IO_HUP | G_IO_ERR)) != 0) {
-        for (int i = 0; i < 16 && source_ != nullptr; ++i) {
-            if (const int rc = mosquitto_loop_read(mosq_, 1); rc != MOSQ_ERR_SUCCESS) {
-                lost(reason(rc));
-                return;
-            }
-            if (settings_.tls_ca.empty())
-                break;
+    // Before the session, libmosquitto keeps waiting on a TLS handshake whose
+    // socket failed or was closed by the peer, reading nothing, again and
+    // again: such a socket is seen to here.
+    if (!connected_ && (cond & (G_IO_IN | G_IO_ERR | G_IO_HUP)) != 0) {
+        const int fd = mosquitto_socket(mosq_);
+        int err = 0;
+        socklen_t len = sizeof err;
+        char byte = 0;
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err != 0) {
+            lost(g_strerror(err));
+            return;
+        }
+        if (recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
+            lost("the broker closed the connection");
+            return;
         }
     }
-    if (source_ != nullptr && (cond & G_IO_OUT) != 0 && mosquitto_want_write(mosq_)) {
-        if (const int rc = mosquitto_loop_write(mosq_, 1); rc != MOSQ_ERR_SUCCESS)
-            lost(reason(rc));
-    }
+    // mosquitto_loop with no wait: it looks at the socket again itself, and
+    // also drives a TLS handshake and reads what TLS already holds, which
+    // its separate read and write steps do not.
+    if (const int rc = mosquitto_loop(mosq_, 0, 1); rc != MOSQ_ERR_SUCCESS)
+        lost(reason(rc));
 }
 
 gboolean MqttClient::on_misc(gpointer data)
@@ -323,7 +335,8 @@ void MqttClient::disconnect(std::function<void()> done)
         g_source_remove(retry_id_);
         retry_id_ = 0;
     }
-    if (source_ == nullptr) {
+    // Before the CONNACK there is no session to end: the socket just closes.
+    if (source_ == nullptr || !connected_) {
         unwatch_socket();
         done();
         return;

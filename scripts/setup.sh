@@ -10,7 +10,7 @@ packages=(
   libprotobuf-c-dev protobuf-c-compiler
   libmodbus-dev
   libjson-glib-dev
-  libmosquitto-dev mosquitto mosquitto-clients protobuf-compiler
+  libmosquitto-dev mosquitto mosquitto-clients protobuf-compiler openssl
   libgtest-dev libgmock-dev
   dbus-daemon dbus-bin
   clang libclang-rt-14-dev

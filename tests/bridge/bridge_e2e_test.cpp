@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <unistd.h>
 #include <optional>
 #include <string>
 #include <vector>
@@ -445,7 +446,7 @@ TEST(BridgeProgram, RefusalsAndBadInputEndWithOneLine)
 {
     TempDir dir;
     PrivateBus bus;
-    Broker closed(false);
+    Broker closed(Broker::Closed);
     ASSERT_TRUE(closed.start());
     dstest::write_file(dir.file("plain"), "");
     const struct {
@@ -474,4 +475,39 @@ TEST(BridgeProgram, RefusalsAndBadInputEndWithOneLine)
         EXPECT_EQ(count_of(err, "device-service-bridge: "), 1u) << err;
         EXPECT_NE(ours.find(c.line), std::string::npos) << bridge.err();
     }
+}
+
+TEST(BridgeProgram, TlsWithClientCertificates)
+{
+    if (access("/usr/bin/openssl", X_OK) != 0)
+        GTEST_SKIP() << "openssl (Debian: openssl) makes the certificates";
+    TempDir dir;
+    PrivateBus bus;
+    Broker broker(Broker::Tls);
+    ASSERT_TRUE(broker.start());
+    const std::vector<std::string> tls = {"--broker", broker.address(), "--tls-ca", broker.file("ca.crt"),
+                                          "--tls-cert", broker.file("client.crt"), "--tls-key",
+                                          broker.file("client.key"), "--group", GROUP};
+    std::vector<std::string> args = {bridge_binary(), "--watch"};
+    args.insert(args.end(), tls.begin(), tls.end());
+    Child watcher(args, dir.path(), "watch");
+    ASSERT_TRUE(wait_until([&] { return watcher.err().find("connected to") != std::string::npos; }, 10s))
+        << watcher.err();
+    args = {bridge_binary(), "--bus-address", bus.address(), "--state-dir", dir.file("state"), "--edge-node", EDGE};
+    args.insert(args.end(), tls.begin(), tls.end());
+    Child bridge(args, dir.path(), "bridge");
+    EXPECT_TRUE(wait_until([&] { return watcher.out().find("NBIRTH plant/gw1 seq=0: bdSeq=0") != std::string::npos; }, 10s))
+        << watcher.out() << bridge.err();
+
+    // Without TLS the same broker is not reached, and the bridge says so.
+    Child plain({bridge_binary(), "--bus-address", bus.address(), "--state-dir", dir.file("plain"),
+                 "--broker", broker.address()},
+                dir.path(), "plain");
+    EXPECT_TRUE(plain.wait_err("cannot reach the broker at " + broker.address())) << plain.err();
+
+    // A TLS session whose broker went away is retried like any other.
+    broker.stop();
+    EXPECT_TRUE(bridge.wait_err("lost the broker at " + broker.address())) << bridge.err();
+    EXPECT_TRUE(bridge.wait_err("cannot reach the broker at " + broker.address(), 5s)) << bridge.err();
+    EXPECT_TRUE(bridge.running());
 }

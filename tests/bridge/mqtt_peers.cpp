@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <netinet/in.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -120,7 +121,33 @@ void library_once()
 
 } // namespace
 
-Broker::Broker(bool allow_anonymous) : anonymous_(allow_anonymous) {}
+Broker::Broker(Kind kind) : kind_(kind) {}
+
+bool Broker::make_certificates()
+{
+    const std::string d = dir_.path() + "/";
+    const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"};
+    auto run = [&](const std::vector<std::string> &args) {
+        std::vector<std::string> all = {"/usr/bin/openssl"};
+        for (const auto &a : args)
+            all.push_back(a);
+        Child c(all, dir_.path(), "openssl");
+        return c.wait_exit() == 0;
+    };
+    auto request = [&](const std::string &who, const std::string &cn) {
+        std::vector<std::string> a = {"req"};
+        a.insert(a.end(), ec.begin(), ec.end());
+        a.insert(a.end(), {"-keyout", d + who + ".key", "-out", d + who + ".csr", "-subj", "/CN=" + cn});
+        return run(a) && run({"x509", "-req", "-in", d + who + ".csr", "-CA", d + "ca.crt", "-CAkey",
+                              d + "ca.key", "-CAcreateserial", "-days", "1", "-out", d + who + ".crt",
+                              "-extfile", d + "ext.cnf"});
+    };
+    dstest::write_file(d + "ext.cnf", "subjectAltName=IP:127.0.0.1\n");
+    std::vector<std::string> ca = {"req", "-x509"};
+    ca.insert(ca.end(), ec.begin(), ec.end());
+    ca.insert(ca.end(), {"-keyout", d + "ca.key", "-out", d + "ca.crt", "-days", "1", "-subj", "/CN=test CA"});
+    return run(ca) && request("server", "127.0.0.1") && request("client", "bridge");
+}
 
 Broker::~Broker()
 {
@@ -131,13 +158,23 @@ bool Broker::start()
 {
     // A free port may be taken by someone else before mosquitto binds it:
     // then another one, unless the port must stay the same.
+    if (kind_ == Tls && starts_ == 0 && !make_certificates())
+        return false;
     for (int attempt = 0; attempt < 5; ++attempt) {
         if (starts_ == 0)
             port_ = free_port();
         const std::string conf = dir_.file("mosquitto.conf");
-        dstest::write_file(conf, "listener " + std::to_string(port_) + " 127.0.0.1\n" +
-                                     "allow_anonymous " + (anonymous_ ? "true" : "false") + "\n" +
-                                     "persistence false\n");
+        // As root, mosquitto would change to its own user and could not read
+        // the certificates in our private directory.
+        const passwd *me = getpwuid(getuid());
+        std::string text = "user " + std::string(me != nullptr ? me->pw_name : "root") + "\n" +
+                           "listener " + std::to_string(port_) + " 127.0.0.1\n" +
+                           "allow_anonymous " + (kind_ == Closed ? "false" : "true") + "\n" +
+                           "persistence false\n";
+        if (kind_ == Tls)
+            text += "cafile " + file("ca.crt") + "\ncertfile " + file("server.crt") + "\nkeyfile " +
+                    file("server.key") + "\nrequire_certificate true\n";
+        dstest::write_file(conf, text);
         proc_ = std::make_unique<Child>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", conf},
                                         dir_.path(), "mosquitto" + std::to_string(starts_));
         if (wait_until([&] { return accepts(port_) || !proc_->running(); }, 5s) && proc_->running()) {

@@ -30,6 +30,7 @@ public:
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
 
+    pid_t pid() const { return pid_; }
     void signal(int signo);
     // Exit status, 128 + signal when killed, -1 when it did not end in time.
     int wait_exit(std::chrono::milliseconds timeout = 10s);
@@ -46,20 +47,28 @@ private:
     std::string out_path_, err_path_;
 };
 
-// mosquitto on 127.0.0.1 at a free port, anonymous unless told otherwise,
-// without persistence.
+// mosquitto on 127.0.0.1 at a free port, without persistence.
 class Broker {
 public:
-    explicit Broker(bool allow_anonymous = true);
+    enum Kind {
+        Anonymous,
+        Closed,   // anonymous clients refused
+        Tls,      // TLS only, with a client certificate (certificates made by openssl)
+    };
+    explicit Broker(Kind kind = Anonymous);
     ~Broker();
     bool start();          // on a new free port the first time, the same port again after stop()
     void stop();
     uint16_t port() const { return port_; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+    // Tls: "ca.crt", and the client's "client.crt" and "client.key".
+    std::string file(const std::string &name) const { return dir_.file(name); }
 
 private:
+    bool make_certificates();
+
     dstest::TempDir dir_;
-    bool anonymous_;
+    Kind kind_;
     uint16_t port_ = 0;
     int starts_ = 0;
     std::unique_ptr<Child> proc_;
