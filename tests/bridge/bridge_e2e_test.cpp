@@ -511,3 +511,26 @@ TEST(BridgeProgram, TlsWithClientCertificates)
     EXPECT_TRUE(bridge.wait_err("cannot reach the broker at " + broker.address(), 5s)) << bridge.err();
     EXPECT_TRUE(bridge.running());
 }
+
+TEST(BridgeProgram, CredentialsFromThePasswordFile)
+{
+    TempDir dir;
+    Broker broker(Broker::Password);
+    ASSERT_TRUE(broker.start());
+    dstest::write_file(dir.file("good"), "s3cret\n");
+    dstest::write_file(dir.file("bad"), "secret\n");
+    auto watch = [&](const std::string &password_file) {
+        return std::make_unique<Child>(
+            std::vector<std::string>{bridge_binary(), "--watch", "--broker", broker.address(), "--username",
+                                     "bridge", "--password-file", dir.file(password_file)},
+            dir.path(), password_file);
+    };
+    auto refused = watch("bad");
+    EXPECT_EQ(refused->wait_exit(), 2);
+    EXPECT_NE(refused->err().find("device-service-bridge: broker refused: not authorised"), std::string::npos)
+        << refused->err();
+    auto accepted = watch("good");
+    EXPECT_TRUE(accepted->wait_err("connected to " + broker.address() + " as ")) << accepted->err();
+    accepted->signal(SIGTERM);
+    EXPECT_EQ(accepted->wait_exit(), 0);
+}

@@ -160,6 +160,13 @@ bool Broker::start()
     // then another one, unless the port must stay the same.
     if (kind_ == Tls && starts_ == 0 && !make_certificates())
         return false;
+    if (kind_ == Password && starts_ == 0) {
+        dstest::write_file(file("passwords"), "");
+        Child passwd({"/usr/bin/mosquitto_passwd", "-b", file("passwords"), "bridge", "s3cret"}, dir_.path(),
+                     "mosquitto_passwd");
+        if (passwd.wait_exit() != 0)
+            return false;
+    }
     for (int attempt = 0; attempt < 5; ++attempt) {
         if (starts_ == 0)
             port_ = free_port();
@@ -169,8 +176,10 @@ bool Broker::start()
         const passwd *me = getpwuid(getuid());
         std::string text = "user " + std::string(me != nullptr ? me->pw_name : "root") + "\n" +
                            "listener " + std::to_string(port_) + " 127.0.0.1\n" +
-                           "allow_anonymous " + (kind_ == Closed ? "false" : "true") + "\n" +
+                           "allow_anonymous " + (kind_ == Closed || kind_ == Password ? "false" : "true") + "\n" +
                            "persistence false\n";
+        if (kind_ == Password)
+            text += "password_file " + file("passwords") + "\n";
         if (kind_ == Tls)
             text += "cafile " + file("ca.crt") + "\ncertfile " + file("server.crt") + "\nkeyfile " +
                     file("server.key") + "\nrequire_certificate true\n";

@@ -54,6 +54,7 @@ public:
         Anonymous,
         Closed,   // anonymous clients refused
         Tls,      // TLS only, with a client certificate (certificates made by openssl)
+        Password, // user "bridge", password "s3cret" (mosquitto_passwd)
     };
     explicit Broker(Kind kind = Anonymous);
     ~Broker();
