@@ -3,6 +3,9 @@
 #include <glib.h>
 #include <glib/gstdio.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -24,6 +27,17 @@ uint64_t now_ms()
 }
 
 } // namespace
+
+void Session::note_unparsable(uint64_t total)
+{
+    // A node whose text never reads would say so every cycle: the count is
+    // logged when it first moves and then each time it has doubled.
+    if (total < next_unparsable_report_)
+        return;
+    g_message("values that did not read for their type so far: %llu (published as null)",
+              static_cast<unsigned long long>(total));
+    next_unparsable_report_ = total * 2;
+}
 
 void Session::report_unsent()
 {
@@ -55,17 +69,23 @@ bool BdSeqFile::next(uint64_t &out, std::string &error)
             g_warning("%s holds no session number (0-255); starting again from 0", path_.c_str());
     }
     in.close();
-    // Written in full before it is renamed over the old one: a crash leaves
-    // either value, never half of one.
+    // Written and synced in full before it is renamed over the old one: a
+    // crash or a power cut leaves either value, never half of one.
     const std::string tmp = path_ + ".new";
-    {
-        std::ofstream outf(tmp, std::ios::trunc);
-        outf << value << "\n";
-        outf.flush();
-        if (!outf) {
-            error = "cannot write " + tmp;
-            return false;
-        }
+    const std::string text_out = std::to_string(value) + "\n";
+    const int fd = g_open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        error = "cannot write " + tmp + ": " + g_strerror(errno);
+        return false;
+    }
+    const bool written = write(fd, text_out.data(), text_out.size()) == static_cast<ssize_t>(text_out.size()) &&
+                         fsync(fd) == 0;
+    const int saved = errno;
+    close(fd);
+    if (!written) {
+        error = "cannot write " + tmp + ": " + g_strerror(saved);
+        g_unlink(tmp.c_str());
+        return false;
     }
     if (g_rename(tmp.c_str(), path_.c_str()) != 0) {
         error = "cannot replace " + path_ + ": " + g_strerror(errno);
@@ -145,6 +165,7 @@ void SparkplugSession::cycle(const Cycle &cycle)
     // births carry what is current.
     for (Message &m : node_.on_cycle(cycle))
         send(m);
+    note_unparsable(node_.unparsable_values());
 }
 
 void SparkplugSession::daemon_gone()
@@ -196,12 +217,18 @@ void JsonSession::cycle(const Cycle &cycle)
 {
     const std::vector<std::string> ids = device_ids(cycle.devices, ids_.device_id);
     for (size_t i = 0; i < cycle.devices.size(); ++i) {
+        const std::string topic = prefix_ + "/" + ids[i];
         const std::string body = json_message(cycle.devices[i], cycle.timestamp_ms, &unparsable_);
-        // Not connected: the same place as in Sparkplug mode, where a store
-        // would keep the message.
-        if (transport_.publish(prefix_ + "/" + ids[i], body, QOS_DATA, false) < 0)
-            ++unsent_;
+        if (transport_.publish(topic, body, QOS_DATA, false) < 0)
+            unsendable(topic, body);
     }
+    note_unparsable(unparsable_);
+}
+
+// As in Sparkplug mode: the place where a store would keep the message.
+void JsonSession::unsendable(const std::string &, const std::string &)
+{
+    ++unsent_;
 }
 
 int JsonSession::farewell()

@@ -48,7 +48,12 @@ public:
 protected:
     // At the start of a session: how much the gap cost, once.
     void report_unsent();
+    // Values whose text did not read for their type, in all.
+    void note_unparsable(uint64_t total);
     uint64_t unsent_ = 0;
+
+private:
+    uint64_t next_unparsable_report_ = 1;
 };
 
 // A Sparkplug B edge node session.
@@ -92,6 +97,8 @@ public:
     uint64_t unparsable() const { return unparsable_; }
 
 private:
+    void unsendable(const std::string &topic, const std::string &body);
+
     EdgeNodeConfig ids_;
     std::string prefix_;
     Transport &transport_;

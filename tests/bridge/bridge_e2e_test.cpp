@@ -194,7 +194,7 @@ TEST_F(BridgeE2E, SessionBirthsDatatypesWillAndRestart)
                           {1, 111, "val:0x1f", 11, "hex16", "press"}, {1, 112, "val:0xdeadbeef", 12, "hex32", "press"},
                           {1, 113, "val:5", 13, "bin16", "press"},   {1, 114, "val:7", 14, "bin32", "press"},
                           {1, 115, "val:A7", 15, "text", "press"},   {1, 116, "count", 6, "counter", "press"},
-                          {2, 201, "val:3", 4, "trays", "oven"}}));
+                          {1, 117, "val:abc", 4, "garbled", "press"}, {2, 201, "val:3", 4, "trays", "oven"}}));
     Child watcher({bridge_binary(), "--watch", "--broker", broker_.address(), "--group", GROUP},
                   dir_.path(), "watch");
     const auto started_ms = static_cast<uint64_t>(g_get_real_time() / 1000);
@@ -239,6 +239,13 @@ TEST_F(BridgeE2E, SessionBirthsDatatypesWillAndRestart)
     EXPECT_EQ(metric(birth, "float")->value, bridge::sp::Value(1.5f));
     ASSERT_NE(metric(birth, "text"), nullptr);
     EXPECT_EQ(metric(birth, "text")->value, bridge::sp::Value(std::string("A7")));
+    // A text that does not read for its type is null, and counted.
+    ASSERT_NE(metric(birth, "garbled"), nullptr);
+    EXPECT_TRUE(std::holds_alternative<std::monostate>(metric(birth, "garbled")->value));
+    EXPECT_EQ(metric(birth, "garbled")->datatype, bridge::sp::UInt16);
+    EXPECT_TRUE(bridge_->wait_err("values that did not read for their type so far: 1 (published as null)"))
+        << bridge_->err();
+
     // Values are stamped with the cycle's arrival, births with their sending.
     for (const auto &m : birth.metrics) {
         EXPECT_GE(m.timestamp, started_ms) << m.name;
