@@ -1,5 +1,6 @@
 #include "bus_side.h"
 
+#include "guarded.h"
 #include "idl/common/device_idl.h"
 
 namespace bridge {
@@ -17,6 +18,27 @@ struct ErrorFree {
     void operator()(GError *e) const { g_error_free(e); }
 };
 
+// GDBus hands a received signal over as a tree of GVariants. g_variant_get()
+// with a '&' format flattens that tree into one serialised copy first, and
+// every child taken from the copy is a new GVariant: for thousands of nodes
+// a cycle that is most of the bridge's work. Children taken from the tree
+// are references to what is there already, so the walk goes member by member.
+VariantPtr child(GVariant *v, gsize i)
+{
+    return VariantPtr(g_variant_get_child_value(v, i));
+}
+
+std::string string_at(GVariant *tuple, gsize i)
+{
+    const VariantPtr v = child(tuple, i);
+    return g_variant_get_string(v.get(), nullptr);
+}
+
+guint32 uint32_at(GVariant *tuple, gsize i)
+{
+    return g_variant_get_uint32(child(tuple, i).get());
+}
+
 } // namespace
 
 bool cycle_from_variant(GVariant *nodes, uint64_t arrival_ms, Cycle &out)
@@ -28,24 +50,26 @@ bool cycle_from_variant(GVariant *nodes, uint64_t arrival_ms, Cycle &out)
     const gsize n = g_variant_n_children(nodes);
     out.devices.reserve(n);
     for (gsize i = 0; i < n; ++i) {
-        VariantPtr dev(g_variant_get_child_value(nodes, i));
+        VariantPtr dev = child(nodes, i);
         DeviceReading d;
-        const gchar *name = nullptr;
-        GVariant *raw_boxed = nullptr;
-        g_variant_get(dev.get(), "(u&suuv)", &d.dev_id, &name, &d.dev_mfg, &d.dev_type, &raw_boxed);
-        VariantPtr boxed(raw_boxed);
-        d.dev_name = name;
+        d.dev_id = uint32_at(dev.get(), 0);
+        d.dev_name = string_at(dev.get(), 1);
+        d.dev_mfg = uint32_at(dev.get(), 2);
+        d.dev_type = uint32_at(dev.get(), 3);
+        VariantPtr boxed(g_variant_get_variant(child(dev.get(), 4).get()));
         if (!g_variant_is_of_type(boxed.get(), G_VARIANT_TYPE("a(ssus)"))) {
             out.devices.clear();
             return false;
         }
         const gsize count = g_variant_n_children(boxed.get());
-        d.nodes.reserve(count);
+        d.nodes.resize(count);
         for (gsize k = 0; k < count; ++k) {
-            const gchar *node = nullptr, *addr = nullptr, *value = nullptr;
-            guint32 type = 0;
-            g_variant_get_child(boxed.get(), k, "(&s&su&s)", &node, &addr, &type, &value);
-            d.nodes.push_back({node, addr, type, value});
+            VariantPtr node = child(boxed.get(), k);
+            NodeReading &r = d.nodes[k];
+            r.name = string_at(node.get(), 0);
+            r.addr = string_at(node.get(), 1);
+            r.data_type = uint32_at(node.get(), 2);
+            r.value = string_at(node.get(), 3);
         }
         out.devices.push_back(std::move(d));
     }
@@ -114,7 +138,7 @@ void BusSide::on_nodes(GObject *, GVariant *nodes, gpointer data)
     auto *self = static_cast<BusSide *>(data);
     // The moment of arrival stamps every value of the cycle.
     const auto now_ms = static_cast<uint64_t>(g_get_real_time() / 1000);
-    try {
+    guarded("a cycle was lost", [&] {
         Cycle cycle;
         if (!cycle_from_variant(nodes, now_ms, cycle)) {
             g_warning("a nodes signal of an unexpected shape %s: ignored", g_variant_get_type_string(nodes));
@@ -122,9 +146,7 @@ void BusSide::on_nodes(GObject *, GVariant *nodes, gpointer data)
         }
         if (self->events_.cycle)
             self->events_.cycle(cycle);
-    } catch (const std::exception &e) {
-        g_critical("a cycle was lost: %s", e.what());
-    }
+    });
 }
 
 void BusSide::on_appeared(GDBusConnection *, const gchar *, const gchar *, gpointer data)
@@ -135,7 +157,7 @@ void BusSide::on_appeared(GDBusConnection *, const gchar *, const gchar *, gpoin
     self->known_ = self->present_ = true;
     g_message("device-service is on the bus");
     if (self->events_.daemon)
-        self->events_.daemon(true);
+        guarded("device-service appeared", [&] { self->events_.daemon(true); });
 }
 
 void BusSide::on_vanished(GDBusConnection *, const gchar *, gpointer data)
@@ -152,7 +174,7 @@ void BusSide::on_vanished(GDBusConnection *, const gchar *, gpointer data)
     if (was) {
         g_message("device-service left the bus");
         if (self->events_.daemon)
-            self->events_.daemon(false);
+            guarded("device-service left", [&] { self->events_.daemon(false); });
     }
 }
 
@@ -161,7 +183,7 @@ void BusSide::on_closed(GDBusConnection *, gboolean, GError *, gpointer data)
     auto *self = static_cast<BusSide *>(data);
     g_warning("the bus connection closed");
     if (self->events_.closed)
-        self->events_.closed();
+        guarded("the bus closed", [&] { self->events_.closed(); });
 }
 
 } // namespace bridge

@@ -12,6 +12,7 @@
 
 #include "bus_side.h"
 #include "edge_node.h"
+#include "guarded.h"
 #include "mqtt.h"
 #include "options.h"
 #include "publisher.h"
@@ -73,7 +74,7 @@ struct Program {
             auto *self = static_cast<Program *>(p);
             self->farewell_timer = 0;
             g_message("the broker did not acknowledge our goodbye in time");
-            self->disconnect();
+            guarded("disconnecting", [self] { self->disconnect(); });
             return G_SOURCE_REMOVE;
         }, this);
     }
@@ -104,7 +105,7 @@ MqttSettings settings_of(const Options &o)
 
 gboolean on_stop_signal(gpointer p)
 {
-    static_cast<Program *>(p)->stop(EXIT_DONE);
+    guarded("stopping", [p] { static_cast<Program *>(p)->stop(EXIT_DONE); });
     return G_SOURCE_CONTINUE;
 }
 

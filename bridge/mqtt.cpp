@@ -5,7 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
+
+#include "guarded.h"
 
 namespace bridge {
 
@@ -21,19 +22,6 @@ void library_once()
         ~Library() { mosquitto_lib_cleanup(); }
     };
     static Library library;
-}
-
-// libmosquitto calls back through C: nothing may be thrown across it.
-template <typename Fn>
-void guarded(const char *what, Fn &&fn)
-{
-    try {
-        fn();
-    } catch (const std::exception &e) {
-        g_critical("%s: %s", what, e.what());
-    } catch (...) {
-        g_critical("%s: unexpected failure", what);
-    }
 }
 
 std::string reason(int rc)
