@@ -541,3 +541,24 @@ TEST(BridgeProgram, CredentialsFromThePasswordFile)
     accepted->signal(SIGTERM);
     EXPECT_EQ(accepted->wait_exit(), 0);
 }
+
+TEST(BridgeProgram, BusGoneEndsTheSessionWithItsDeath)
+{
+    TempDir dir;
+    auto bus = std::make_unique<PrivateBus>();
+    Broker broker;
+    ASSERT_TRUE(broker.start());
+    Subscriber sub(broker.port(), "spBv1.0/#");
+    ASSERT_TRUE(sub.ready());
+    Child bridge({bridge_binary(), "--bus-address", bus->address(), "--broker", broker.address(), "--state-dir",
+                  dir.file("state"), "--group", GROUP, "--edge-node", EDGE},
+                 dir.path(), "bridge");
+    ASSERT_TRUE(sub.wait([](const std::vector<Received> &all) { return !all.empty(); })) << bridge.err();
+    bus.reset();
+    EXPECT_EQ(bridge.wait_exit(), 3) << bridge.err();
+    EXPECT_NE(bridge.err().find("the bus connection closed"), std::string::npos) << bridge.err();
+    ASSERT_TRUE(sub.wait([](const std::vector<Received> &all) { return all.size() >= 2; }));
+    const auto all = sub.messages();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[1].topic, "spBv1.0/plant/NDEATH/gw1") << "a goodbye before leaving";
+}
