@@ -14,6 +14,7 @@ namespace {
 
 constexpr unsigned FIRST_BACKOFF_MS = 1000;
 constexpr unsigned LAST_BACKOFF_MS = 30000;
+constexpr size_t MAX_PENDING_MESSAGES = 20000;
 
 void library_once()
 {
@@ -225,6 +226,10 @@ void MqttClient::lost(const std::string &why)
     const bool was = connected_;
     connected_ = false;
     unwatch_socket();
+    // A new session starts with an empty queue (clean session).
+    pending_.clear();
+    pending_bytes_ = 0;
+    over_limit_ = false;
     if (stopping_) {
         if (done_) {
             auto done = std::move(done_);
@@ -311,6 +316,7 @@ void MqttClient::on_publish(mosquitto *, void *data, int mid)
 {
     auto *self = static_cast<MqttClient *>(data);
     guarded("delivered", [&] {
+        self->sent(mid);
         if (self->events_.delivered)
             self->events_.delivered(mid);
     });
@@ -353,10 +359,45 @@ int MqttClient::publish(const std::string &topic, const std::string &payload, in
 {
     if (!connected_)
         return -1;
+    const size_t size = topic.size() + payload.size();
+    // Message ids are 16-bit: far fewer may wait than could share one.
+    if (pending_bytes_ + size > settings_.max_pending_bytes || pending_.size() >= MAX_PENDING_MESSAGES) {
+        if (!over_limit_)
+            g_message("the broker at %s does not keep up: %zu bytes wait to go out; "
+                      "messages are not sent until it does",
+                      where().c_str(), pending_bytes_);
+        over_limit_ = true;
+        return -1;
+    }
     int mid = 0;
+    publishing_ = true;
+    written_at_once_ = false;
     const int rc = mosquitto_publish(mosq_, &mid, topic.c_str(), static_cast<int>(payload.size()),
                                      payload.data(), qos, retain);
-    return rc == MOSQ_ERR_SUCCESS ? mid : -1;
+    publishing_ = false;
+    if (rc != MOSQ_ERR_SUCCESS)
+        return -1;
+    if (!written_at_once_) {
+        pending_[mid] = size;
+        pending_bytes_ += size;
+    }
+    return mid;
+}
+
+void MqttClient::sent(int mid)
+{
+    const auto it = pending_.find(mid);
+    if (it == pending_.end()) {
+        // Written within mosquitto_publish itself, before its id was known.
+        written_at_once_ = publishing_;
+        return;
+    }
+    pending_bytes_ -= it->second;
+    pending_.erase(it);
+    if (over_limit_ && pending_bytes_ <= settings_.max_pending_bytes / 2) {
+        over_limit_ = false;
+        g_message("the broker at %s keeps up again", where().c_str());
+    }
 }
 
 bool MqttClient::subscribe(const std::string &topic, int qos)

@@ -8,9 +8,11 @@
 
 #include <glib.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <unordered_map>
 
 struct mosquitto;
 struct mosquitto_message;
@@ -25,6 +27,10 @@ struct MqttSettings {
     std::string password;
     std::string tls_ca, tls_cert, tls_key;
     int keepalive_s = 30;
+    // Bytes handed to libmosquitto and not yet written (QoS 0) or
+    // acknowledged (QoS 1): past this, publish() refuses new messages
+    // rather than let a broker that does not keep up fill our memory.
+    size_t max_pending_bytes = 4u << 20;
 };
 
 // What a session needs of a broker connection (a fake one in the tests).
@@ -69,6 +75,7 @@ public:
     bool connected() const override { return connected_; }
     bool set_will(const std::string &topic, const std::string &payload, int qos, bool retain) override;
     int publish(const std::string &topic, const std::string &payload, int qos, bool retain) override;
+    size_t pending_bytes() const { return pending_bytes_; }
     bool subscribe(const std::string &topic, int qos) override;
 
     std::string where() const { return settings_.host + ":" + std::to_string(settings_.port); }
@@ -89,6 +96,7 @@ private:
     void lost(const std::string &why);
     void schedule_retry();
     void io(GIOCondition cond);
+    void sent(int mid);
 
     struct SocketSource;
     MqttSettings settings_;
@@ -101,6 +109,11 @@ private:
     bool connected_ = false;
     bool stopping_ = false;
     bool stopped_ = false;
+    std::unordered_map<int, size_t> pending_; // message id -> bytes
+    size_t pending_bytes_ = 0;
+    bool publishing_ = false;                // inside mosquitto_publish
+    bool written_at_once_ = false;           // ... which wrote the message itself
+    bool over_limit_ = false;
     unsigned backoff_ms_ = 1000;
     std::function<void()> done_;
 };

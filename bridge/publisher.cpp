@@ -147,6 +147,8 @@ void SparkplugSession::send(Message &msg)
     }
     msg.payload.seq = seq_;
     seq_ = (seq_ + 1) % 256;
+    // Refused while connected (the broker does not keep up): its seq stays
+    // spent, so that a host sees the gap and asks for a rebirth.
     if (transport_.publish(topic_of(msg), sp::encode(msg.payload), QOS_DATA, false) < 0)
         unsendable(msg);
 }

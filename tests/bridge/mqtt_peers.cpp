@@ -198,6 +198,7 @@ bool Broker::start()
 void Broker::stop()
 {
     if (proc_) {
+        proc_->signal(SIGCONT);
         proc_->signal(SIGTERM);
         if (proc_->wait_exit(5s) == -1)
             proc_->signal(SIGKILL);

@@ -60,6 +60,7 @@ public:
     ~Broker();
     bool start();          // on a new free port the first time, the same port again after stop()
     void stop();
+    void signal(int signo) { proc_->signal(signo); }
     uint16_t port() const { return port_; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
     // Tls: "ca.crt", and the client's "client.crt" and "client.key".
