@@ -307,10 +307,10 @@ CpuSample cpu_sample(pid_t pid)
     return s;
 }
 
-// "VmRSS:" and the like from /proc/<pid>/status, in MiB.
-double status_mib(pid_t pid, const std::string &key)
+// "VmRSS:" and the like from /proc/<pid>/<file>, in MiB.
+double kib_line_mib(pid_t pid, const char *file, const std::string &key)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::ifstream in("/proc/" + std::to_string(pid) + "/" + file);
     for (std::string line; std::getline(in, line);)
         if (line.rfind(key, 0) == 0)
             return std::strtod(line.c_str() + key.size(), nullptr) / 1024.0;
@@ -390,7 +390,11 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "the subscriber was not subscribed in time\n");
         return 1;
     }
-    bridgetest::Child bridge({DS_BRIDGE_BINARY, "--broker", broker.address(), "--bus-address",
+    // DS_TEST_BRIDGE_BINARY runs another build of the bridge, or a wrapper
+    // around it (a profiler).
+    const char *other = getenv("DS_TEST_BRIDGE_BINARY");
+    const std::string binary = other != nullptr && *other != '\0' ? other : DS_BRIDGE_BINARY;
+    bridgetest::Child bridge({binary, "--broker", broker.address(), "--bus-address",
                               bus.address(), "--state-dir", dir.file("state"), "--group", kGroup,
                               "--edge-node", kEdge},
                              dir.path(), "bridge");
@@ -410,6 +414,7 @@ int main(int argc, char **argv)
     std::vector<Clock::time_point> emitted(static_cast<size_t>(total));
     std::vector<int64_t> emitted_utc_ms(static_cast<size_t>(total), 0);
     int incomplete = 0;
+    const double rss_at_rest = kib_line_mib(pid, "status", "VmRSS:");
     const Clock::time_point start = Clock::now() + 200ms;
     for (int k = 0; k < total; ++k) {
         VariantPtr args(make_cycle(k));
@@ -433,8 +438,10 @@ int main(int argc, char **argv)
         }
     }
     cpu_end = cpu_sample(pid);
-    const double rss = status_mib(pid, "VmRSS:");
-    const double hwm = status_mib(pid, "VmHWM:");
+    const double rss = kib_line_mib(pid, "status", "VmRSS:");
+    const double hwm = kib_line_mib(pid, "status", "VmHWM:");
+    const double rss_anon = kib_line_mib(pid, "status", "RssAnon:");
+    const double rss_file = kib_line_mib(pid, "status", "RssFile:");
     bridge.signal(SIGTERM);
     bridge.wait_exit(5s);
 
@@ -491,6 +498,8 @@ int main(int argc, char **argv)
                 kCpuTargetUs, us_per_value <= kCpuTargetUs ? "met" : "MISSED", us_per_value / kCpuTargetUs);
     std::printf("memory of the bridge: VmRSS %.2f MiB (target <= %.0f MiB: %s, ratio %.2f), VmHWM %.2f MiB\n",
                 rss, kRssTargetMiB, rss <= kRssTargetMiB ? "met" : "MISSED", rss / kRssTargetMiB, hwm);
+    std::printf("  anonymous %.2f MiB, file-backed (code and libraries) %.2f MiB; VmRSS %.2f MiB before the first cycle\n",
+                rss_anon, rss_file, rss_at_rest);
     std::printf("latency from emitting `nodes` to the subscriber:\n");
     print_latency("last DDATA of each cycle", last);
     print_latency("every DDATA", every);
