@@ -360,8 +360,11 @@ int MqttClient::publish(const std::string &topic, const std::string &payload, in
     if (!connected_)
         return -1;
     const size_t size = topic.size() + payload.size();
-    // Message ids are 16-bit: far fewer may wait than could share one.
-    if (pending_bytes_ + size > settings_.max_pending_bytes || pending_.size() >= MAX_PENDING_MESSAGES) {
+    // Message ids are 16-bit: far fewer may wait than could share one. QoS 1
+    // is left out of the bound: it carries the rare messages that must not
+    // be lost, the goodbye and the status.
+    if (qos == 0 && (pending_bytes_ + size > settings_.max_pending_bytes ||
+                     pending_.size() >= MAX_PENDING_MESSAGES)) {
         if (!over_limit_)
             g_message("the broker at %s does not keep up: %zu bytes wait to go out; "
                       "messages are not sent until it does",

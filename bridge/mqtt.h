@@ -28,7 +28,7 @@ struct MqttSettings {
     std::string tls_ca, tls_cert, tls_key;
     int keepalive_s = 30;
     // Bytes handed to libmosquitto and not yet written (QoS 0) or
-    // acknowledged (QoS 1): past this, publish() refuses new messages
+    // acknowledged (QoS 1): past this, publish() refuses new QoS 0 messages
     // rather than let a broker that does not keep up fill our memory.
     size_t max_pending_bytes = 4u << 20;
 };
