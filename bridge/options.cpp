@@ -16,7 +16,7 @@ namespace {
 struct GFreeDeleter {
     void operator()(void *p) const { g_free(p); }
 };
-using GString_ = std::unique_ptr<gchar, GFreeDeleter>;
+using CharPtr = std::unique_ptr<gchar, GFreeDeleter>;
 
 struct OptionContextFree {
     void operator()(GOptionContext *c) const { g_option_context_free(c); }
@@ -143,7 +143,7 @@ bool load_key_file(const std::string &path, std::vector<Setting> &settings, std:
             error = "--config " + path + ": unknown key '" + *k + "' in [bridge]";
             return false;
         }
-        GString_ v(g_key_file_get_string(kf.get(), "bridge", *k, &raw));
+        CharPtr v(g_key_file_get_string(kf.get(), "bridge", *k, &raw));
         if (!v) {
             std::unique_ptr<GError, ErrorFree> e(raw);
             error = "--config " + path + ": " + e->message;
@@ -206,7 +206,7 @@ bool parse_options(int argc, char **argv, Options &out, std::string &error)
     const bool parsed = g_option_context_parse_strv(ctx.get(), &argv_copy, &raw);
     args.release();
     args.reset(argv_copy);
-    GString_ config_owner(config);
+    CharPtr config_owner(config);
     for (auto &s : settings) {
         if (s.cli != nullptr) {
             s.value = s.cli;
