@@ -5,6 +5,7 @@
 #include <glib-unix.h>
 #include <glib.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <functional>
@@ -17,6 +18,7 @@
 #include "options.h"
 #include "publisher.h"
 #include "sparkplug.h"
+#include "store.h"
 
 namespace {
 
@@ -42,6 +44,7 @@ struct Program {
     std::unique_ptr<GMainLoop, MainLoopUnref> loop{g_main_loop_new(nullptr, FALSE)};
     std::unique_ptr<MqttClient> mqtt;
     std::unique_ptr<EdgeNode> node;
+    std::unique_ptr<Store> store;
     std::unique_ptr<Session> session;
     std::unique_ptr<BusSide> bus;
     int rc = EXIT_DONE;
@@ -150,6 +153,29 @@ int watch(Program &prog)
     return run_client(prog);
 }
 
+// The store of messages waiting for the broker, in the state directory. A
+// bridge without one still publishes live data.
+std::unique_ptr<Store> open_store(const Options &o)
+{
+    if (o.store_max_mb <= 0) {
+        g_message("no store (--store-max-mb 0): data that cannot be published at once are lost");
+        return nullptr;
+    }
+    const std::string path = o.state_dir + "/store-" + (o.mode == Mode::Sparkplug ? "sparkplug-" : "json-") +
+                             o.node.group + "-" + o.node.edge_node + ".db";
+    std::string notice;
+    std::unique_ptr<Store> store;
+    if (g_mkdir_with_parents(o.state_dir.c_str(), 0700) != 0)
+        notice = "cannot make the state directory " + o.state_dir + ": " + g_strerror(errno);
+    else
+        store = Store::open(path, static_cast<uint64_t>(o.store_max_mb * 1024 * 1024), &notice);
+    if (!notice.empty())
+        g_warning("%s", notice.c_str());
+    if (!store)
+        g_warning("running without a store: data that cannot be published at once are lost");
+    return store;
+}
+
 int bridge_run(Program &prog)
 {
     std::string error;
@@ -169,15 +195,19 @@ int bridge_run(Program &prog)
         prog.session->command(topic, payload);
     };
     ev.delivered = [&](int mid) {
+        prog.session->delivered(mid);
         if (prog.stopping && mid == prog.farewell_mid)
             prog.disconnect();
     };
     prog.mqtt = std::make_unique<MqttClient>(settings_of(prog.opts), std::move(ev));
+    prog.store = open_store(prog.opts);
     if (prog.opts.mode == Mode::Sparkplug) {
         prog.node = std::make_unique<EdgeNode>(prog.opts.node);
-        prog.session = std::make_unique<SparkplugSession>(*prog.node, *prog.mqtt, prog.opts.state_dir);
+        prog.session = std::make_unique<SparkplugSession>(*prog.node, *prog.mqtt, prog.opts.state_dir,
+                                                          prog.store.get(), prog.opts.primary_host);
     } else {
-        prog.session = std::make_unique<JsonSession>(prog.opts.node, prog.opts.topic_prefix, *prog.mqtt);
+        prog.session = std::make_unique<JsonSession>(prog.opts.node, prog.opts.topic_prefix, *prog.mqtt,
+                                                     prog.store.get());
     }
 
     BusSide::Events bev;

@@ -242,7 +242,15 @@ void MqttClient::lost(const std::string &why)
     // call that met it: the first report counts.
     if (stopped_ || retry_id_ != 0)
         return;
-    if (was) {
+    if (was && restarting_) {
+        restarting_ = false;
+        g_message("ended the session with %s; connecting again in %u s", where().c_str(),
+                  backoff_ms_ / 1000);
+        guarded("disconnected", [&] {
+            if (events_.disconnected)
+                events_.disconnected();
+        });
+    } else if (was) {
         g_message("lost the broker at %s (%s); next attempt in %u s", where().c_str(), why.c_str(),
                   backoff_ms_ / 1000);
         guarded("disconnected", [&] {
@@ -401,6 +409,15 @@ void MqttClient::sent(int mid)
         over_limit_ = false;
         g_message("the broker at %s keeps up again", where().c_str());
     }
+}
+
+void MqttClient::restart()
+{
+    if (!connected_ || stopping_ || stopped_)
+        return;
+    restarting_ = true;
+    if (const int rc = mosquitto_disconnect(mosq_); rc != MOSQ_ERR_SUCCESS)
+        lost(reason(rc));
 }
 
 bool MqttClient::subscribe(const std::string &topic, int qos)

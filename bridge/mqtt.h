@@ -42,6 +42,9 @@ public:
     // The message id, or -1 when it could not be queued (not connected).
     virtual int publish(const std::string &topic, const std::string &payload, int qos, bool retain) = 0;
     virtual bool subscribe(const std::string &topic, int qos) = 0;
+    // Ends the session once what is queued has gone out, and connects again
+    // (a new CONNECT, so a new Will).
+    virtual void restart() = 0;
 };
 
 class MqttClient final : public Transport {
@@ -77,6 +80,7 @@ public:
     int publish(const std::string &topic, const std::string &payload, int qos, bool retain) override;
     size_t pending_bytes() const { return pending_bytes_; }
     bool subscribe(const std::string &topic, int qos) override;
+    void restart() override;
 
     std::string where() const { return settings_.host + ":" + std::to_string(settings_.port); }
     // The wait before the next attempt, doubled after each failure from 1 s to 30 s.
@@ -109,6 +113,7 @@ private:
     bool connected_ = false;
     bool stopping_ = false;
     bool stopped_ = false;
+    bool restarting_ = false;                // restart() asked for this disconnect
     std::unordered_map<int, size_t> pending_; // message id -> bytes
     size_t pending_bytes_ = 0;
     bool publishing_ = false;                // inside mosquitto_publish

@@ -180,7 +180,11 @@ bool parse_options(int argc, char **argv, Options &out, std::string &error)
         {"edge-node", "ID", "Sparkplug edge node id (default the host name)", nullptr, {}, false},
         {"device-id", "name|id", "device ids from dev_name (default) or dev_id", nullptr, {}, false},
         {"topic-prefix", "PREFIX", "JSON mode's topic prefix (default device-service)", nullptr, {}, false},
-        {"state-dir", "DIR", "where the session counter is kept", nullptr, {}, false},
+        {"state-dir", "DIR", "where the session counter and the store are kept", nullptr, {}, false},
+        {"store-max-mb", "N", "cap of the store of unsent messages in MiB (default 64; 0: none)",
+         nullptr, {}, false},
+        {"primary-host", "ID", "Sparkplug primary host id: publish only while it is online",
+         nullptr, {}, false},
         {"bus-address", "ADDRESS", "D-Bus address (default the session bus)", nullptr, {}, false},
     };
     gchar *config = nullptr;
@@ -305,6 +309,25 @@ bool parse_options(int argc, char **argv, Options &out, std::string &error)
     if (out.state_dir.empty()) {
         error = "--state-dir must not be empty";
         return false;
+    }
+    if (const auto &m = get("store-max-mb"); m.given) {
+        gchar *end = nullptr;
+        const double mb = g_ascii_strtod(m.value.c_str(), &end);
+        // Up to 1 TiB: beyond it the figure is surely a mistake.
+        if (m.value.empty() || end == nullptr || *end != '\0' || !(mb >= 0 && mb <= 1048576)) {
+            error = "--store-max-mb '" + m.value + "': expected a number of MiB (0 for no store)";
+            return false;
+        }
+        out.store_max_mb = mb;
+    }
+    if (const auto &h = get("primary-host"); h.given) {
+        if (out.mode != Mode::Sparkplug) {
+            error = "--primary-host is for Sparkplug mode";
+            return false;
+        }
+        if (!valid_id("primary-host", h.value, false, error))
+            return false;
+        out.primary_host = h.value;
     }
     out.bus_address = get("bus-address").value;
     return true;

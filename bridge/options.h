@@ -21,7 +21,11 @@ struct Options {
     Mode mode = Mode::Sparkplug;
     EdgeNodeConfig node;            // group, edge node (the host name by default), device ids
     std::string topic_prefix = "device-service";
-    std::string state_dir;          // where bdSeq is kept
+    std::string state_dir;          // where bdSeq and the store are kept
+    // Cap of the store of messages waiting for the broker or the primary
+    // host, in MiB; 0: no store (what cannot be sent is lost).
+    double store_max_mb = 64;
+    std::string primary_host;       // Sparkplug host id whose STATE gates our births; empty: none
     std::string bus_address;        // empty: the session bus
     bool watch = false;             // print what reaches the broker instead of bridging
 };

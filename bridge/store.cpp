@@ -290,7 +290,8 @@ bool Store::Impl::append_chunk(const std::vector<Item> &items, size_t from, size
 bool Store::Impl::prepare_all()
 {
     return prepare(insert, "INSERT INTO messages(topic, ts, nvalues, body) VALUES(?, ?, ?, ?)") &&
-           prepare(peek, "SELECT id, topic, ts, nvalues, body FROM messages ORDER BY id LIMIT ?") &&
+           prepare(peek, "SELECT id, topic, ts, nvalues, body FROM messages WHERE id > ? "
+                                 "ORDER BY id LIMIT ?") &&
            prepare(remove, "DELETE FROM messages WHERE id <= ?") &&
            prepare(oldest, "SELECT id, nvalues, length(topic) + length(body) FROM messages "
                            "ORDER BY id") &&
@@ -539,11 +540,12 @@ bool Store::append(const std::vector<Item> &items)
     return true;
 }
 
-std::vector<StoredMessage> Store::peek(size_t max) const
+std::vector<StoredMessage> Store::peek(size_t max, int64_t after) const
 {
     std::vector<StoredMessage> out;
     sqlite3_stmt *st = impl_->peek.get();
-    sqlite3_bind_int64(st, 1, static_cast<int64_t>(std::min<size_t>(max, INT64_MAX)));
+    sqlite3_bind_int64(st, 1, after);
+    sqlite3_bind_int64(st, 2, static_cast<int64_t>(std::min<size_t>(max, INT64_MAX)));
     int rc;
     while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
         StoredMessage m;

@@ -48,8 +48,10 @@ public:
     };
     bool append(const std::vector<Item> &items);
 
-    // Up to `max` of the oldest messages, oldest first; they stay stored.
-    std::vector<StoredMessage> peek(size_t max) const;
+    // Up to `max` of the oldest messages with an id above `after`, oldest
+    // first; they stay stored. Ids are never reused, so a reader that has
+    // messages in flight goes on after the last one it took.
+    std::vector<StoredMessage> peek(size_t max, int64_t after = 0) const;
     // Removes every message with id <= `id` (they have been sent).
     bool remove_through(int64_t id);
 

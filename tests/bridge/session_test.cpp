@@ -46,6 +46,7 @@ public:
         sent.push_back({"sub", t, "", qos, false});
         return true;
     }
+    void restart() override { sent.push_back({"restart", "", "", 0, false}); }
 };
 
 sp::Payload payload_of(const Sent &s)
