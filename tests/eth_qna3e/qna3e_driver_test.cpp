@@ -172,6 +172,8 @@ TEST_F(QnA3EDriver, PlcThatClosesOrIsGone)
 {
     ASSERT_EQ(open(), 0);
     const uint16_t port = plc_.port();
+    // A connection still waiting in the listen queue would be reset, not closed.
+    ASSERT_TRUE(wait_until([&] { return plc_.connections() == 1u; }, 5s));
     plc_.stop();
     Captured log;
     EXPECT_EQ(open(&log), -1) << "the drain sees the connection closed";
