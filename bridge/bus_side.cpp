@@ -28,10 +28,14 @@ VariantPtr child(GVariant *v, gsize i)
     return VariantPtr(g_variant_get_child_value(v, i));
 }
 
-std::string string_at(GVariant *tuple, gsize i)
+// Assigned in place: a Cycle kept from one signal to the next reuses its
+// strings' storage, and a cycle allocates next to nothing.
+void assign_string_at(GVariant *tuple, gsize i, std::string &out)
 {
     const VariantPtr v = child(tuple, i);
-    return g_variant_get_string(v.get(), nullptr);
+    gsize length = 0;
+    const gchar *text = g_variant_get_string(v.get(), &length);
+    out.assign(text, length);
 }
 
 guint32 uint32_at(GVariant *tuple, gsize i)
@@ -44,16 +48,18 @@ guint32 uint32_at(GVariant *tuple, gsize i)
 bool cycle_from_variant(GVariant *nodes, uint64_t arrival_ms, Cycle &out)
 {
     out.timestamp_ms = arrival_ms;
-    out.devices.clear();
-    if (!g_variant_is_of_type(nodes, G_VARIANT_TYPE("a(usuuv)")))
+    if (!g_variant_is_of_type(nodes, G_VARIANT_TYPE("a(usuuv)"))) {
+        out.devices.clear();
         return false;
+    }
     const gsize n = g_variant_n_children(nodes);
-    out.devices.reserve(n);
+    // Devices and nodes already in `out` are overwritten, not rebuilt.
+    out.devices.resize(n);
     for (gsize i = 0; i < n; ++i) {
         VariantPtr dev = child(nodes, i);
-        DeviceReading d;
+        DeviceReading &d = out.devices[i];
         d.dev_id = uint32_at(dev.get(), 0);
-        d.dev_name = string_at(dev.get(), 1);
+        assign_string_at(dev.get(), 1, d.dev_name);
         d.dev_mfg = uint32_at(dev.get(), 2);
         d.dev_type = uint32_at(dev.get(), 3);
         VariantPtr boxed(g_variant_get_variant(child(dev.get(), 4).get()));
@@ -66,12 +72,11 @@ bool cycle_from_variant(GVariant *nodes, uint64_t arrival_ms, Cycle &out)
         for (gsize k = 0; k < count; ++k) {
             VariantPtr node = child(boxed.get(), k);
             NodeReading &r = d.nodes[k];
-            r.name = string_at(node.get(), 0);
-            r.addr = string_at(node.get(), 1);
+            assign_string_at(node.get(), 0, r.name);
+            assign_string_at(node.get(), 1, r.addr);
             r.data_type = uint32_at(node.get(), 2);
-            r.value = string_at(node.get(), 3);
+            assign_string_at(node.get(), 3, r.value);
         }
-        out.devices.push_back(std::move(d));
     }
     return true;
 }
@@ -139,7 +144,7 @@ void BusSide::on_nodes(GObject *, GVariant *nodes, gpointer data)
     // The moment of arrival stamps every value of the cycle.
     const auto now_ms = static_cast<uint64_t>(g_get_real_time() / 1000);
     guarded("a cycle was lost", [&] {
-        Cycle cycle;
+        Cycle &cycle = self->cycle_;
         if (!cycle_from_variant(nodes, now_ms, cycle)) {
             g_warning("a nodes signal of an unexpected shape %s: ignored", g_variant_get_type_string(nodes));
             return;

@@ -14,7 +14,7 @@
 namespace bridge {
 
 // Reads the signal's argument a(usuuv), each variant holding a(ssus);
-// false when it has another shape.
+// false when it has another shape. What `out` holds is overwritten in place.
 bool cycle_from_variant(GVariant *nodes, uint64_t arrival_ms, Cycle &out);
 
 class BusSide {
@@ -43,6 +43,7 @@ private:
     static void on_closed(GDBusConnection *, gboolean, GError *, gpointer self);
 
     Events events_;
+    Cycle cycle_;          // the latest signal's, its storage reused by the next
     GDBusConnection *conn_ = nullptr;
     GObject *proxy_ = nullptr;
     guint watch_id_ = 0;

@@ -134,7 +134,7 @@ bool EdgeNode::same_set(const DeviceState &state, const std::vector<Reading> &no
         const auto it = state.index.find(r.metric);
         if (it == state.index.end())
             return false;
-        const sp::Metric &born_as = state.metrics[it->second].last;
+        const MetricState &born_as = state.metrics[it->second];
         if (born_as.datatype != r.datatype || born_as.address != r.node->addr)
             return false;
     }
@@ -148,8 +148,14 @@ Message EdgeNode::device_birth(const std::string &id, const DeviceState &state, 
     m.device = id;
     m.payload.timestamp = ts;
     m.payload.metrics.reserve(state.metrics.size());
-    for (const MetricState &ms : state.metrics)
-        m.payload.metrics.push_back(ms.last);
+    for (const MetricState &ms : state.metrics) {
+        sp::Metric &out = m.payload.metrics.emplace_back();
+        out.name = ms.name;
+        out.datatype = ms.datatype;
+        out.timestamp = ms.timestamp;
+        out.value = ms.value;
+        out.address = ms.address;
+    }
     return m;
 }
 
@@ -159,6 +165,68 @@ Message EdgeNode::device_death(const std::string &id, uint64_t ts)
     m.type = sp::MsgType::DDEATH;
     m.device = id;
     m.payload.timestamp = ts;
+    return m;
+}
+
+// Does the cycle bring every metric of the birth, in the birth's order, each
+// under its own node's name, address and datatype? Then the names it would be
+// given are the birth's, and nothing else needs looking up.
+bool EdgeNode::same_nodes(const DeviceState &state, const DeviceReading &device)
+{
+    if (device.nodes.size() != state.metrics.size())
+        return false;
+    for (size_t k = 0; k < device.nodes.size(); ++k) {
+        const NodeReading &n = device.nodes[k];
+        const MetricState &ms = state.metrics[k];
+        if (!ms.node_named || ms.name != n.name || ms.address != n.addr ||
+            ms.datatype != sparkplug_datatype(n.data_type))
+            return false;
+    }
+    return true;
+}
+
+void EdgeNode::born_with(DeviceState &state, std::vector<Reading> &now, uint64_t ts)
+{
+    state.index.clear();
+    state.metrics.clear();
+    state.metrics.shrink_to_fit();
+    state.metrics.reserve(now.size());
+    for (Reading &r : now) {
+        MetricState &ms = state.metrics.emplace_back();
+        ms.node_named = r.metric == r.node->name;
+        ms.name = std::move(r.metric);
+        ms.address = r.node->addr;
+        ms.datatype = r.datatype;
+        ms.timestamp = ts;
+        ms.value = std::move(r.value);
+    }
+    // Keys point into the metrics, which no longer move.
+    state.index.reserve(state.metrics.size());
+    for (size_t k = 0; k < state.metrics.size(); ++k)
+        state.index.emplace(state.metrics[k].name, k);
+}
+
+template <typename Next>
+Message EdgeNode::changes(const std::string &id, DeviceState &state, uint64_t ts, Next next)
+{
+    Message m;
+    m.type = sp::MsgType::DDATA;
+    m.device = id;
+    m.payload.timestamp = ts;
+    for (size_t k = 0; k < state.metrics.size(); ++k) {
+        MetricState &ms = state.metrics[k];
+        sp::Value v = next(k);
+        if (same_value(ms.value, v))
+            continue;
+        ms.value = std::move(v);
+        ms.timestamp = ts;
+        if (m.payload.metrics.empty())
+            m.payload.metrics.reserve(state.metrics.size() - k);
+        sp::Metric &changed = m.payload.metrics.emplace_back();
+        changed.name = ms.name;
+        changed.timestamp = ts;
+        changed.value = ms.value;
+    }
     return m;
 }
 
@@ -197,48 +265,36 @@ std::vector<Message> EdgeNode::on_cycle(const Cycle &cycle)
             state.dev_id = dev.dev_id;
             continue;
         }
+        if (state.alive && state.dev_id == dev.dev_id && same_nodes(state, dev)) {
+            // The nodes of the birth, in its order: node k is metric k.
+            Message m = changes(id, state, ts, [&](size_t k) {
+                const NodeReading &n = dev.nodes[k];
+                NodeValue v = node_value(n.data_type, n.value);
+                if (!v.parsed)
+                    ++unparsable_;
+                return std::move(v.value);
+            });
+            if (!m.payload.metrics.empty())
+                data.push_back(std::move(m));
+            continue;
+        }
         std::vector<Reading> now = readings(dev);
         if (!state.alive || state.dev_id != dev.dev_id || !same_set(state, now)) {
             state.alive = true;
             state.dev_id = dev.dev_id;
             state.dev_name = dev.dev_name;
-            state.metrics.clear();
-            state.index.clear();
-            for (Reading &r : now) {
-                MetricState ms;
-                ms.last.name = r.metric;
-                ms.last.datatype = r.datatype;
-                ms.last.timestamp = ts;
-                ms.last.value = std::move(r.value);
-                ms.last.address = r.node->addr;
-                state.index.emplace(r.metric, state.metrics.size());
-                state.metrics.push_back(std::move(ms));
-            }
+            born_with(state, now, ts);
             births.push_back(device_birth(id, state, ts));
             continue;
         }
-        // Same set: report what changed, in birth order; metrics the cycle
-        // did not bring were not read and go null.
+        // Same set, nodes missing or in another order: metrics the cycle did
+        // not bring were not read and go null.
         std::vector<Reading *> slot(state.metrics.size(), nullptr);
         for (Reading &r : now)
             slot[state.index.at(r.metric)] = &r;
-        Message m;
-        m.type = sp::MsgType::DDATA;
-        m.device = id;
-        m.payload.timestamp = ts;
-        for (size_t k = 0; k < state.metrics.size(); ++k) {
-            sp::Metric &last = state.metrics[k].last;
-            sp::Value next = slot[k] != nullptr ? std::move(slot[k]->value) : sp::Value{};
-            if (same_value(last.value, next))
-                continue;
-            last.value = std::move(next);
-            last.timestamp = ts;
-            sp::Metric changed;
-            changed.name = last.name;
-            changed.timestamp = ts;
-            changed.value = last.value;
-            m.payload.metrics.push_back(std::move(changed));
-        }
+        Message m = changes(id, state, ts, [&](size_t k) {
+            return slot[k] != nullptr ? std::move(slot[k]->value) : sp::Value{};
+        });
         if (!m.payload.metrics.empty())
             data.push_back(std::move(m));
     }
@@ -315,7 +371,7 @@ bool EdgeNode::born(const std::string &device, const std::string &metric, uint32
     if (d == devices_.end() || !d->second.alive)
         return false;
     const auto m = d->second.index.find(metric);
-    return m != d->second.index.end() && d->second.metrics[m->second].last.datatype == datatype;
+    return m != d->second.index.end() && d->second.metrics[m->second].datatype == datatype;
 }
 
 std::vector<std::string> EdgeNode::alive_devices() const

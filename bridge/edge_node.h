@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -69,7 +70,12 @@ public:
 
 private:
     struct MetricState {
-        sp::Metric last;          // datatype, address, last value and its time
+        std::string name;             // the metric's name in the birth
+        std::string address;          // the node's address: a property in births
+        sp::Value value;              // the last one published
+        uint64_t timestamp = 0;       // ... and when it was read
+        uint32_t datatype = 0;
+        bool node_named = false;      // name is the node's own (no suffix added)
     };
     struct DeviceState {
         uint32_t dev_id = 0;
@@ -77,7 +83,15 @@ private:
         bool alive = false;
         size_t position = 0;                         // place in the latest cycle
         std::vector<MetricState> metrics;            // in node order: the birth's set
-        std::unordered_map<std::string, size_t> index; // metric name -> metrics[]
+        // metric name -> metrics[]; the keys are the metrics' own names.
+        std::unordered_map<std::string_view, size_t> index;
+
+        DeviceState() = default;
+        DeviceState(DeviceState &&) = default;
+        DeviceState &operator=(DeviceState &&) = default;
+        // A copy would keep keys into the other state's metrics.
+        DeviceState(const DeviceState &) = delete;
+        DeviceState &operator=(const DeviceState &) = delete;
     };
     struct Reading {
         std::string metric;       // the node's name, made distinct within its device
@@ -87,6 +101,12 @@ private:
     };
     std::vector<Reading> readings(const DeviceReading &device);
     static bool same_set(const DeviceState &state, const std::vector<Reading> &now);
+    static bool same_nodes(const DeviceState &state, const DeviceReading &device);
+    static void born_with(DeviceState &state, std::vector<Reading> &now, uint64_t ts);
+    // The DDATA of a device whose set is unchanged: `next(k)` is metric k's
+    // value in this cycle (null when it was not read).
+    template <typename Next>
+    static Message changes(const std::string &id, DeviceState &state, uint64_t ts, Next next);
     static Message device_birth(const std::string &id, const DeviceState &state, uint64_t ts);
     static Message device_death(const std::string &id, uint64_t ts);
     std::vector<std::pair<const std::string *, const DeviceState *>> alive_in_order() const;

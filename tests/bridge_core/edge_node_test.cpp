@@ -2,6 +2,8 @@
 // Messages are checked as a person watching the broker would read them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "edge_node.h"
 #include "readings.h"
 #include "values.h"
@@ -199,6 +201,34 @@ TEST(EdgeNode, NodeNamesMadeDistinctWithinADevice)
     EXPECT_EQ(lines(en.on_cycle(cycle(1000, {d}))),
               (Lines{"DBIRTH g/e/press no seq: x=1 (UInt8) @D0, X (D1)=2 (UInt8) @D1, D2=3 (UInt8) @D2"}));
     EXPECT_TRUE(en.on_cycle(cycle(2000, {d})).empty());
+    // Values of renamed metrics go on under the names of the birth.
+    DeviceReading changed = d;
+    changed.nodes[1].value = "5";
+    changed.nodes[2].value = "6";
+    EXPECT_EQ(lines(en.on_cycle(cycle(3000, {changed}))),
+              (Lines{"DDATA g/e/press no seq: X (D1)=5, D2=6"}));
+    // Two names swapped between addresses: the set differs, born again.
+    DeviceReading swapped = changed;
+    std::swap(swapped.nodes[0].name, swapped.nodes[1].name);
+    EXPECT_EQ(lines(en.on_cycle(cycle(4000, {swapped}))),
+              (Lines{"DBIRTH g/e/press no seq: X=1 (UInt8) @D0, x (D1)=5 (UInt8) @D1, D2=6 (UInt8) @D2"}));
+}
+
+TEST(EdgeNode, NodesInAnotherOrderAreTheSameSet)
+{
+    EdgeNode en(config());
+    en.on_cycle(cycle(1000, {press("5", "20.500000", "1")}));
+    DeviceReading reversed = press("6", "20.500000", "0");
+    std::reverse(reversed.nodes.begin(), reversed.nodes.end());
+    // Data in the birth's order, no birth.
+    EXPECT_EQ(lines(en.on_cycle(cycle(2000, {reversed}))),
+              (Lines{"DDATA g/e/press no seq: count=6, run=false"}));
+    EXPECT_TRUE(en.on_cycle(cycle(3000, {press("6", "20.500000", "0")})).empty());
+    reversed.nodes.erase(reversed.nodes.begin());
+    EXPECT_EQ(lines(en.on_cycle(cycle(4000, {reversed}))),
+              (Lines{"DDATA g/e/press no seq: run=null"}));
+    EXPECT_EQ(lines(en.on_cycle(cycle(5000, {press("7", "20.500000", "0")}))),
+              (Lines{"DDATA g/e/press no seq: count=7, run=false"}));
 }
 
 TEST(EdgeNode, DeviceIdsFollowTheMode)
