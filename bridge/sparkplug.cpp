@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -27,35 +28,6 @@ struct UnpackedDeleter {
     }
 };
 using UnpackedPayload = std::unique_ptr<PbPayload, UnpackedDeleter>;
-
-// protobuf-c takes char * for strings it only reads while packing.
-char *c_str(const std::string &s) { return const_cast<char *>(s.c_str()); }
-
-void put_value(PbMetric &m, const Value &v)
-{
-    if (std::holds_alternative<std::monostate>(v)) {
-        m.has_is_null = 1;
-        m.is_null = 1;
-    } else if (const auto *u32 = std::get_if<uint32_t>(&v)) {
-        m.value_case = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__VALUE_INT_VALUE;
-        m.int_value = *u32;
-    } else if (const auto *u64 = std::get_if<uint64_t>(&v)) {
-        m.value_case = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__VALUE_LONG_VALUE;
-        m.long_value = *u64;
-    } else if (const auto *f = std::get_if<float>(&v)) {
-        m.value_case = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__VALUE_FLOAT_VALUE;
-        m.float_value = *f;
-    } else if (const auto *d = std::get_if<double>(&v)) {
-        m.value_case = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__VALUE_DOUBLE_VALUE;
-        m.double_value = *d;
-    } else if (const auto *b = std::get_if<bool>(&v)) {
-        m.value_case = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__VALUE_BOOLEAN_VALUE;
-        m.boolean_value = *b ? 1 : 0;
-    } else if (const auto *s = std::get_if<std::string>(&v)) {
-        m.value_case = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__METRIC__VALUE_STRING_VALUE;
-        m.string_value = c_str(*s);
-    }
-}
 
 Value take_value(const PbMetric &m)
 {
@@ -164,68 +136,157 @@ const char *msg_type_name(MsgType t)
     return "?";
 }
 
+// The wire form written directly, fields in number order as protobuf-c packs
+// them: a DDATA of a thousand metrics is written in one pass into one
+// buffer, with no message structs built on the way.
+namespace {
+
+enum Wire : uint8_t { Varint = 0, Fixed64 = 1, Delimited = 2, Fixed32 = 5 };
+
+constexpr uint8_t tag(unsigned field, Wire wire) { return static_cast<uint8_t>(field << 3 | wire); }
+
+size_t varint_size(uint64_t v)
+{
+    size_t n = 1;
+    while (v >= 0x80) {
+        v >>= 7;
+        ++n;
+    }
+    return n;
+}
+
+size_t delimited_size(size_t length) { return 1 + varint_size(length) + length; }
+
+// PropertySet { keys: "address", values: PropertyValue { type: String, string_value } }
+size_t address_value_size(const std::string &address) { return 2 + delimited_size(address.size()); }
+size_t address_set_size(const std::string &address)
+{
+    return delimited_size(std::strlen(kAddressKey)) + delimited_size(address_value_size(address));
+}
+
+size_t value_size(const Value &v)
+{
+    switch (v.index()) {
+    case 0: return 2;                                              // is_null
+    case 1: return 1 + varint_size(std::get<uint32_t>(v));
+    case 2: return 1 + varint_size(std::get<uint64_t>(v));
+    case 3: return 1 + 4;
+    case 4: return 1 + 8;
+    case 5: return 2;
+    default: return delimited_size(std::get<std::string>(v).size());
+    }
+}
+
+size_t metric_size(const Metric &m)
+{
+    size_t n = delimited_size(m.name.size());
+    if (m.timestamp != 0)
+        n += 1 + varint_size(m.timestamp);
+    if (m.datatype != 0)
+        n += 1 + varint_size(m.datatype);
+    if (m.historical)
+        n += 2;
+    n += value_size(m.value);
+    if (!m.address.empty())
+        n += delimited_size(address_set_size(m.address));
+    return n;
+}
+
+class Writer {
+public:
+    explicit Writer(char *at) : at_(at) {}
+    char *end() const { return at_; }
+    void byte(uint8_t b) { *at_++ = static_cast<char>(b); }
+    void varint(uint64_t v)
+    {
+        while (v >= 0x80) {
+            byte(static_cast<uint8_t>((v & 0x7f) | 0x80));
+            v >>= 7;
+        }
+        byte(static_cast<uint8_t>(v));
+    }
+    void field_varint(unsigned field, uint64_t v)
+    {
+        byte(tag(field, Varint));
+        varint(v);
+    }
+    void field_bytes(unsigned field, const char *data, size_t length)
+    {
+        byte(tag(field, Delimited));
+        varint(length);
+        std::memcpy(at_, data, length);
+        at_ += length;
+    }
+    template <typename T>
+    void field_fixed(unsigned field, Wire wire, T v)
+    {
+        byte(tag(field, wire));
+        std::memcpy(at_, &v, sizeof v); // little-endian, as the wire
+        at_ += sizeof v;
+    }
+
+private:
+    char *at_;
+};
+
+void write_metric(Writer &w, const Metric &m)
+{
+    w.field_bytes(1, m.name.data(), m.name.size());
+    if (m.timestamp != 0)
+        w.field_varint(3, m.timestamp);
+    if (m.datatype != 0)
+        w.field_varint(4, m.datatype);
+    if (m.historical)
+        w.field_varint(5, 1);
+    if (std::holds_alternative<std::monostate>(m.value))
+        w.field_varint(7, 1);
+    if (!m.address.empty()) {
+        w.byte(tag(9, Delimited));
+        w.varint(address_set_size(m.address));
+        w.field_bytes(1, kAddressKey, std::strlen(kAddressKey));
+        w.byte(tag(2, Delimited));
+        w.varint(address_value_size(m.address));
+        w.field_varint(1, String);
+        w.field_bytes(8, m.address.data(), m.address.size());
+    }
+    switch (m.value.index()) {
+    case 0: break;
+    case 1: w.field_varint(10, std::get<uint32_t>(m.value)); break;
+    case 2: w.field_varint(11, std::get<uint64_t>(m.value)); break;
+    case 3: w.field_fixed(12, Fixed32, std::get<float>(m.value)); break;
+    case 4: w.field_fixed(13, Fixed64, std::get<double>(m.value)); break;
+    case 5: w.field_varint(14, std::get<bool>(m.value) ? 1 : 0); break;
+    default: {
+        const std::string &text = std::get<std::string>(m.value);
+        w.field_bytes(15, text.data(), text.size());
+    }
+    }
+}
+
+} // namespace
+
 std::string encode(const Payload &p)
 {
-    const size_t n = p.metrics.size();
-    std::vector<PbMetric> metrics(n);
-    std::vector<PbMetric *> metric_ptrs(n);
-    // Births carry one property per metric: its address.
-    std::vector<PbPropertySet> sets(n);
-    std::vector<PbPropertyValue> values(n);
-    std::vector<PbPropertyValue *> value_ptrs(n);
-    char *address_key = const_cast<char *>(kAddressKey);
+    static_assert(std::variant_size_v<Value> == 7, "every kind of value has its field");
+    size_t size = 0;
+    if (p.timestamp != 0)
+        size += 1 + varint_size(p.timestamp);
+    for (const Metric &m : p.metrics)
+        size += delimited_size(metric_size(m));
+    if (p.seq)
+        size += 1 + varint_size(*p.seq);
 
-    for (size_t i = 0; i < n; ++i) {
-        const Metric &src = p.metrics[i];
-        PbMetric &m = metrics[i];
-        org__eclipse__tahu__protobuf__payload__metric__init(&m);
-        m.name = c_str(src.name);
-        if (src.timestamp != 0) {
-            m.has_timestamp = 1;
-            m.timestamp = src.timestamp;
-        }
-        if (src.datatype != 0) {
-            m.has_datatype = 1;
-            m.datatype = src.datatype;
-        }
-        if (src.historical) {
-            m.has_is_historical = 1;
-            m.is_historical = 1;
-        }
-        put_value(m, src.value);
-        if (!src.address.empty()) {
-            PbPropertyValue &pv = values[i];
-            org__eclipse__tahu__protobuf__payload__property_value__init(&pv);
-            pv.has_type = 1;
-            pv.type = String;
-            pv.value_case = ORG__ECLIPSE__TAHU__PROTOBUF__PAYLOAD__PROPERTY_VALUE__VALUE_STRING_VALUE;
-            pv.string_value = c_str(src.address);
-            value_ptrs[i] = &pv;
-            PbPropertySet &ps = sets[i];
-            org__eclipse__tahu__protobuf__payload__property_set__init(&ps);
-            ps.n_keys = 1;
-            ps.keys = &address_key;
-            ps.n_values = 1;
-            ps.values = &value_ptrs[i];
-            m.properties = &ps;
-        }
-        metric_ptrs[i] = &m;
+    std::string out(size, '\0');
+    Writer w(out.data());
+    if (p.timestamp != 0)
+        w.field_varint(1, p.timestamp);
+    for (const Metric &m : p.metrics) {
+        w.byte(tag(2, Delimited));
+        w.varint(metric_size(m));
+        write_metric(w, m);
     }
-
-    PbPayload pb;
-    org__eclipse__tahu__protobuf__payload__init(&pb);
-    if (p.timestamp != 0) {
-        pb.has_timestamp = 1;
-        pb.timestamp = p.timestamp;
-    }
-    pb.n_metrics = n;
-    pb.metrics = metric_ptrs.data();
-    if (p.seq) {
-        pb.has_seq = 1;
-        pb.seq = *p.seq;
-    }
-    std::string out(org__eclipse__tahu__protobuf__payload__get_packed_size(&pb), '\0');
-    org__eclipse__tahu__protobuf__payload__pack(&pb, reinterpret_cast<uint8_t *>(out.data()));
+    if (p.seq)
+        w.field_varint(3, *p.seq);
     return out;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "bridge/sparkplug_b.pb-c.h"
 #include "sparkplug.h"
 #include "support/test_util.h"
 
@@ -80,6 +81,38 @@ TEST(SparkplugPayload, RoundTripKeepsEveryField)
         EXPECT_EQ(b.value, a.value) << a.name;
         EXPECT_EQ(b.address, a.address) << a.name;
         EXPECT_EQ(b.historical, a.historical) << a.name;
+    }
+}
+
+// protobuf-c's generated code reads our bytes and, packing what it read,
+// writes the very same ones: field order, wire types and length prefixes.
+TEST(SparkplugPayload, BytesAreTheGeneratedCodesOwn)
+{
+    sp::Payload long_ones;
+    long_ones.seq = 0;
+    long_ones.metrics = {
+        metric("", 0, std::string(200, 'x')),
+        metric(std::string(130, 'n'), sp::UInt64, UINT64_MAX, UINT64_MAX, std::string(300, 'a')),
+        metric("neg", sp::Int32, 0x80000000u, 1),
+    };
+    sp::Payload many;
+    many.timestamp = 1;
+    for (uint32_t i = 0; i < 1000; ++i)
+        many.metrics.push_back(metric("tag" + std::to_string(i), 0, i * 997u, 1700000000000 + i));
+    sp::Payload empty;
+
+    for (const sp::Payload *p : {&long_ones, &many, &empty}) {
+        sp::Payload with_all = every_kind();
+        for (const sp::Payload *q : {p, static_cast<const sp::Payload *>(&with_all)}) {
+            const std::string ours = sp::encode(*q);
+            Org__Eclipse__Tahu__Protobuf__Payload *read = org__eclipse__tahu__protobuf__payload__unpack(
+                nullptr, ours.size(), reinterpret_cast<const uint8_t *>(ours.data()));
+            ASSERT_NE(read, nullptr);
+            std::string theirs(org__eclipse__tahu__protobuf__payload__get_packed_size(read), '\0');
+            org__eclipse__tahu__protobuf__payload__pack(read, reinterpret_cast<uint8_t *>(theirs.data()));
+            org__eclipse__tahu__protobuf__payload__free_unpacked(read, nullptr);
+            EXPECT_EQ(theirs, ours) << q->metrics.size() << " metrics";
+        }
     }
 }
 
