@@ -107,14 +107,15 @@ void use_plain_malloc(char **argv)
 }
 
 namespace {
-// A bulk configuration call parses a message of megabytes into hundreds of
-// thousands of small temporaries. With a malloc arena per thread and
-// glibc's sliding mmap threshold, freed temporaries stayed resident for
-// good; one arena and a fixed threshold (large message buffers are mapped
-// and unmapped whole) let the pages go back to the system.
+// A bulk configuration call's message is parsed, in the bus library's
+// worker thread, into hundreds of thousands of small temporaries. Each
+// thread keeps its own malloc arena, so those temporaries fill the worker's
+// heap and nothing long-lived of the other threads lands among or above
+// them (the node table lives apart altogether, see node_memory.h); a fixed
+// mmap threshold keeps large message buffers mapped and unmapped whole
+// instead of letting glibc raise it and keep them on the heap.
 void tune_allocator()
 {
-    mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     mallopt(M_TRIM_THRESHOLD, 128 * 1024);
 }

@@ -10,13 +10,21 @@ namespace {
 // stay linear.
 GList *node_table_slist = nullptr;
 GList *node_table_tail = nullptr;
-std::unordered_map<uint32_t, GList *> node_index;
+std::unordered_map<uint32_t, GList *, std::hash<uint32_t>, std::equal_to<uint32_t>,
+                   node_memory_allocator<std::pair<const uint32_t, GList *>>>
+    node_index;
 
 void unlink_cell(GList *cell)
 {
     if (cell == node_table_tail)
         node_table_tail = cell->prev;
-    node_table_slist = g_list_delete_link(node_table_slist, cell);
+    if (cell->prev != nullptr)
+        cell->prev->next = cell->next;
+    else
+        node_table_slist = cell->next;
+    if (cell->next != nullptr)
+        cell->next->prev = cell->prev;
+    node_memory_free(cell, sizeof *cell);
 }
 
 void print_node_del(const node *n)
@@ -115,7 +123,14 @@ int node_table_add_one(node *n)
         PLC_ERROR_REPORT(PLC_NODE_MODULE, "same node id.");
         return -1;
     }
-    GList *cell = g_list_alloc();
+    GList *cell = nullptr;
+    try {
+        cell = static_cast<GList *>(node_memory_alloc(sizeof *cell));
+        node_index.emplace(n->node_id, cell);
+    } catch (const std::bad_alloc &) {
+        node_memory_free(cell, sizeof *cell);
+        return -1;
+    }
     cell->data = n;
     cell->prev = node_table_tail;
     cell->next = nullptr;
@@ -124,7 +139,6 @@ int node_table_add_one(node *n)
     else
         node_table_slist = cell;
     node_table_tail = cell;
-    node_index.emplace(n->node_id, cell);
     return 0;
 }
 

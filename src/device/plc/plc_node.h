@@ -3,6 +3,7 @@
 
 #include <glib.h>
 
+#include "device/plc/node_memory.h"
 #include "device/plc/node_text.h"
 #include "device/plc/plc_device.h"
 
@@ -27,6 +28,10 @@ struct node {
     node_text node_alarm_content;
     node_text node_description;
     char value[NODE_VALUE_SIZE] = {};
+
+    // Records live apart from the heap: see node_memory.h.
+    static void *operator new(size_t size) { return node_memory_alloc(size); }
+    static void operator delete(void *p, size_t size) noexcept { node_memory_free(p, size); }
 };
 
 inline constexpr const char PLC_NODE_MODULE[] = "device/plc/plc_node";
@@ -43,7 +48,8 @@ node *node_copy(const node *src);
 void node_free(node *n);
 void node_show(const node *n);
 
-// The node table list, in insertion order; it owns its nodes. Every caller
+// The node table list, in insertion order; it owns its nodes and its cells
+// (which are not GLib's: nobody but this table links or frees them). Every caller
 // holds node_table_slist_mutex or runs before the reading thread exists.
 // Elements are node pointers.
 GList *get_node_table_list();
