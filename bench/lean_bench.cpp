@@ -3,6 +3,10 @@
 // and the daemon's resident memory with 10,000 nodes configured over the bus
 // and restored from my.db.
 //   bench_lean_bench [growth-cycles]      (default 1000)
+//   bench_lean_bench --churn-minutes [N]  (default 10)
+// The second form measures instead how the daemon's resident memory moves
+// under a configuration call every 100 ms while it cycles: a warm-up minute,
+// then N minutes sampled once a minute.
 // The server and the measured client share CPU 0 (a loopback round trip
 // across CPUs costs several times more on a VM and varies a lot); this
 // program's own main thread, which only receives signals, stays off it.
@@ -198,16 +202,153 @@ struct Daemon {
     long rss() const { return status_kib(proc->pid(), "VmRSS:"); }
 };
 
+// One configuration call per step, in a round of ten that goes through the
+// served methods and ends where it began: devices 1 and 2 with their nodes,
+// device 3 coming and going with nodes of its own.
+class Churn {
+public:
+    Churn(Daemon &d, uint16_t port) : d_(d), port_(port) {}
+
+    void setup()
+    {
+        d_.call("EthernetDeviceAdd", device_args(1, "churn-1"));
+        d_.call("EthernetDeviceAdd", device_args(2, "churn-2"));
+        d_.call("nodeTableAddMulti", node_array(base_nodes()));
+    }
+
+    void step()
+    {
+        const uint32_t round = step_ / 10;
+        switch (step_++ % 10) {
+        case 0: d_.call("EthernetDeviceAdd", device_args(3, "churn-3")); break;
+        case 1: d_.call("nodeTableAddMulti", node_array(extra_nodes(round))); break;
+        case 2: d_.call("nodeTableMdfOne", node_tuple(renamed(EXTRA_FIRST, round))); break;
+        case 3: d_.call("EthernetDeviceMdf", device_args(3, "churn-3-" + std::to_string(round))); break;
+        case 4: {
+            std::vector<uint32_t> ids;
+            for (uint32_t i = EXTRA_COUNT / 2; i < EXTRA_COUNT; ++i)
+                ids.push_back(EXTRA_FIRST + i);
+            d_.call("nodeTableDelMulti", node_id_array(ids));
+            break;
+        }
+        case 5: d_.call("EthernetDeviceDel", g_variant_new("(uuuus)", 3u, 1u, 1u, 103u, "")); break;
+        case 6: {
+            // The nodes of the devices it replaces leave memory (their rows
+            // stay) and come back with the node sync after it.
+            GVariantBuilder b;
+            g_variant_builder_init(&b, G_VARIANT_TYPE("a(uuuussuuu)"));
+            for (uint32_t id : {1u, 2u})
+                g_variant_builder_add_value(&b, device_args(id, "churn-" + std::to_string(id)));
+            d_.call("EthernetDeviceSyncMulti", g_variant_new("(@a(uuuussuuu))", g_variant_builder_end(&b)));
+            break;
+        }
+        case 7: {
+            GVariantBuilder b;
+            g_variant_builder_init(&b, G_VARIANT_TYPE("a(uuuusuuuuuuu)"));
+            d_.call("SerialDeviceSyncMulti", g_variant_new("(@a(uuuusuuuuuuu))", g_variant_builder_end(&b)));
+            break;
+        }
+        case 8: d_.call("nodeTableSyncMulti", node_array(base_nodes(round))); break;
+        default: d_.call("nodeTableMdfOne", node_tuple(renamed(1, round))); break;
+        }
+    }
+
+private:
+    static constexpr uint32_t BASE_PER_DEVICE = 200;
+    static constexpr uint32_t EXTRA_FIRST = 3001;
+    static constexpr uint32_t EXTRA_COUNT = 100;
+
+    GVariant *device_args(uint32_t id, const std::string &name) const
+    {
+        return ethernet_args(id, 1, 103, name, "127.0.0.1", port_);
+    }
+    // Names change from round to round, so that texts are made anew.
+    static std::vector<NodeSpec> base_nodes(uint32_t round = 0)
+    {
+        std::vector<NodeSpec> v = nodes(2, BASE_PER_DEVICE, 1);
+        for (auto &n : v)
+            n.name = "n" + std::to_string(n.node_id) + "-" + std::to_string(round % 7);
+        return v;
+    }
+    static std::vector<NodeSpec> extra_nodes(uint32_t round)
+    {
+        std::vector<NodeSpec> v;
+        for (uint32_t i = 0; i < EXTRA_COUNT; ++i)
+            v.push_back({3, EXTRA_FIRST + i, "D" + std::to_string(i + round % 5), 4,
+                         "extra-" + std::to_string(i) + "-" + std::to_string(round % 3)});
+        return v;
+    }
+    static NodeSpec renamed(uint32_t node_id, uint32_t round)
+    {
+        const uint32_t dev = node_id >= EXTRA_FIRST ? 3 : 1 + (node_id - 1) / BASE_PER_DEVICE;
+        return {dev, node_id, "D" + std::to_string(round % 50), 4,
+                "renamed-" + std::to_string(node_id) + "-" + std::to_string(round % 11)};
+    }
+
+    Daemon &d_;
+    uint16_t port_;
+    uint32_t step_ = 0;
+};
+
+int run_churn(uint16_t port, int minutes)
+{
+    using clock = std::chrono::steady_clock;
+    Daemon d;
+    Churn churn(d, port);
+    churn.setup();
+    d.cycles(3);
+    size_t cycles_seen = 0;
+    auto run_for = [&](std::chrono::seconds span) {
+        const auto start = clock::now();
+        for (int i = 1; clock::now() - start < span; ++i) {
+            churn.step();
+            // The next call is due 100 ms after the previous one was; cycles
+            // that arrive meanwhile are counted and dropped.
+            const auto due = start + i * 100ms;
+            const auto left = due - clock::now();
+            if (left > 0ms)
+                pump_main_context(std::chrono::duration_cast<std::chrono::milliseconds>(left));
+            cycles_seen += d.rec->count();
+            d.rec->clear();
+        }
+    };
+    run_for(60s);
+    std::vector<long> rss{d.rss()};
+    printf("configuration churn: a call every 100 ms, the daemon cycling against a loopback "
+           "Modbus TCP server\n");
+    printf("  after the warm-up minute: VmRSS %ld KiB\n", rss.back());
+    fflush(stdout);
+    for (int m = 1; m <= minutes; ++m) {
+        run_for(60s);
+        rss.push_back(d.rss());
+        printf("  minute %d: VmRSS %ld KiB (%+ld KiB)\n", m, rss.back(), rss.back() - rss[rss.size() - 2]);
+        fflush(stdout);
+    }
+    printf("  cycles completed: %zu; VmHWM %ld KiB\n", cycles_seen, status_kib(d.proc->pid(), "VmHWM:"));
+    printf("  growth after the warm-up: %.2f KiB per minute over %d minutes\n",
+           static_cast<double>(rss.back() - rss.front()) / minutes, minutes);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const int growth_cycles = argc > 1 ? std::atoi(argv[1]) : 1000;
+    int growth_cycles = 1000;
+    int churn_minutes = 0;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--churn-minutes") == 0)
+            churn_minutes = i + 1 < argc ? std::atoi(argv[++i]) : 10;
+        else
+            growth_cycles = std::atoi(argv[i]);
+    }
     // The server's thread inherits CPU 0; this thread moves off it.
     pin_task(self_tid(), 0);
     sim::ModbusTcpSim server;
     server.start();
     pin_task(self_tid(), 1);
+    if (churn_minutes > 0)
+        return run_churn(server.port(), churn_minutes);
 
     const Rate raw = raw_loop(server.port(), MEASURED_CYCLES);
 
