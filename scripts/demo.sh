@@ -93,8 +93,11 @@ done
 [ -n "$mqtt_port" ] || { echo "demo: no MQTT broker could be started:" >&2; cat "$work/mosquitto.log" >&2; exit 1; }
 
 bridge=("$build/bridge/device-service-bridge" --broker "127.0.0.1:$mqtt_port")
-"${bridge[@]}" --watch &
+# The watcher subscribes as soon as it is connected: once it says so, the
+# bridge's first birth cannot reach the broker before the subscription.
+"${bridge[@]}" --watch 2>"$work/watch.log" &
 pids+=($!)
+for _ in $(seq 100); do grep -q "connected to" "$work/watch.log" 2>/dev/null && break; sleep 0.05; done
 "${bridge[@]}" --edge-node demo-gateway --state-dir "$work/bridge" >"$work/bridge.log" 2>&1 &
 pids+=($!)
 
