@@ -30,6 +30,7 @@ bool Forwarder::keep(const std::vector<Store::Item> &items)
 {
     if (store_ == nullptr || items.empty())
         return store_ != nullptr;
+    const bool first = store_->empty();
     if (!store_->append(items)) {
         if (!failed_logged_)
             g_warning("cannot store messages (%s): they are lost", store_->last_error().c_str());
@@ -37,6 +38,8 @@ bool Forwarder::keep(const std::vector<Store::Item> &items)
         return false;
     }
     failed_logged_ = false;
+    if (first)
+        g_message("storing data until they can be published");
     if (live_ && !replaying_) {
         replaying_ = true;
         schedule();
@@ -46,7 +49,7 @@ bool Forwarder::keep(const std::vector<Store::Item> &items)
 
 void Forwarder::start()
 {
-    if (store_ == nullptr)
+    if (store_ == nullptr || live_)
         return;
     live_ = true;
     stalled_ = false;
@@ -168,7 +171,8 @@ void Forwarder::step()
             g_message("every stored message has been sent");
         return;
     }
-    if (taken == want && taken == batch.size())
+    // More may wait; with nothing in flight, no delivery will call us back.
+    if (taken == want || inflight_.empty())
         schedule();
 }
 

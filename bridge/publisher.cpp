@@ -162,17 +162,31 @@ void SparkplugSession::connected()
     go_live();
 }
 
+void SparkplugSession::delivered(int mid)
+{
+    if (mid == death_mid_) {
+        death_mid_ = -1;
+        transport_.restart();
+        return;
+    }
+    forwarder_.delivered(mid);
+}
+
 void SparkplugSession::disconnected()
 {
+    death_mid_ = -1;
     born_out_ = false;
     forwarder_.stop();
 }
 
-// Births with current values, then what was stored, oldest first.
+// Births with current values, then what was stored, oldest first. A bridge
+// that has not yet had a cycle since it started knows no device: its
+// stored data wait for the first cycle's births rather than be left out.
 void SparkplugSession::go_live()
 {
     publish_births();
-    forwarder_.start();
+    if (cycles_seen_)
+        forwarder_.start();
 }
 
 void SparkplugSession::publish_births()
@@ -214,7 +228,8 @@ void SparkplugSession::keep(std::span<Message *const> msgs)
         // a replay sends only metrics born now with the same type.
         for (sp::Metric &m : msg->payload.metrics) {
             m.historical = true;
-            m.datatype = born_datatype(msg->device, m);
+            if (m.datatype == 0)
+                m.datatype = born_datatype(msg->device, m);
         }
         bodies.push_back(sp::encode(msg->payload));
         items.push_back({msg->device, msg->payload.timestamp,
@@ -230,11 +245,29 @@ void SparkplugSession::keep(std::span<Message *const> msgs)
 void SparkplugSession::send(std::vector<Message> &msgs)
 {
     std::vector<Message *> held;
+    std::vector<Message> values_of_births;
+    values_of_births.reserve(msgs.size()); // `held` points into it
     for (Message &m : msgs) {
-        if (m.type == sp::MsgType::DDATA && forwarder_.holding())
+        if (m.type == sp::MsgType::DDATA && forwarder_.holding()) {
             held.push_back(&m);
-        else
+        } else if (m.type == sp::MsgType::DBIRTH && !live() && forwarder_.enabled()) {
+            // The birth itself waits for the next session, which sends births
+            // anyway; the values read in this cycle are kept like any change.
+            Message &data = values_of_births.emplace_back();
+            data.type = sp::MsgType::DDATA;
+            data.device = m.device;
+            data.payload.timestamp = m.payload.timestamp;
+            for (const sp::Metric &b : m.payload.metrics) {
+                sp::Metric &v = data.payload.metrics.emplace_back();
+                v.name = b.name;
+                v.datatype = b.datatype;
+                v.timestamp = b.timestamp;
+                v.value = b.value;
+            }
+            held.push_back(&data);
+        } else {
             send(m);
+        }
     }
     if (!held.empty())
         keep(held);
@@ -315,6 +348,11 @@ void SparkplugSession::cycle(const Cycle &cycle)
     std::vector<Message> msgs = node_.on_cycle(cycle);
     send(msgs);
     note_unparsable(node_.unparsable_values());
+    if (!cycles_seen_) {
+        cycles_seen_ = true;
+        if (live())
+            forwarder_.start();
+    }
 }
 
 void SparkplugSession::daemon_gone()
@@ -342,11 +380,14 @@ void SparkplugSession::host_state(const std::string &payload)
     } else if (o.action == PrimaryHost::Action::EndSession && born_out_) {
         // The host cannot follow us now: our death tells it so, and the
         // session starts over (a new bdSeq) to wait for it, storing meanwhile.
+        // The disconnect waits for the broker's acknowledgement: libmosquitto
+        // would send an unacknowledged death again in the next session.
         const Message death = node_.death(bd_seq_.value_or(0));
-        transport_.publish(topic_of(death), sp::encode(death.payload), QOS_DEATH, false);
+        death_mid_ = transport_.publish(topic_of(death), sp::encode(death.payload), QOS_DEATH, false);
         born_out_ = false;
         forwarder_.stop();
-        transport_.restart();
+        if (death_mid_ < 0)
+            transport_.restart();
     }
 }
 

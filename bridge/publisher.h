@@ -85,7 +85,7 @@ public:
     void daemon_gone() override;
     void disconnected() override;
     void command(const std::string &topic, const std::string &payload) override;
-    void delivered(int mid) override { forwarder_.delivered(mid); }
+    void delivered(int mid) override;
     int farewell() override;
 
     std::optional<uint64_t> bd_seq() const { return bd_seq_; }
@@ -111,6 +111,8 @@ private:
     std::optional<uint64_t> bd_seq_; // the Will's, and so the session's
     uint64_t seq_ = 0;               // the next message's
     bool born_out_ = false;          // NBIRTH sent in this session
+    int death_mid_ = -1;             // our NDEATH before leaving for an offline host
+    bool cycles_seen_ = false;       // a cycle has come since the program started
 };
 
 // JSON mode: a message per device per cycle, and a retained status.

@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gio/gio.h>
+
 #include <cstring>
 
 namespace bridgetest {
@@ -177,7 +179,10 @@ bool Broker::start()
         std::string text = "user " + std::string(me != nullptr ? me->pw_name : "root") + "\n" +
                            "listener " + std::to_string(port_) + " 127.0.0.1\n" +
                            "allow_anonymous " + (kind_ == Closed || kind_ == Password ? "false" : "true") + "\n" +
-                           "persistence false\n";
+                           "persistence false\n"
+                           // QoS 0 messages beyond 1,000 waiting for a subscriber are
+                           // otherwise dropped: a replay brings thousands at once.
+                           "max_queued_messages 0\n";
         if (kind_ == Password)
             text += "password_file " + file("passwords") + "\n";
         if (kind_ == Tls)
@@ -275,10 +280,76 @@ bool Subscriber::wait(const std::function<bool(const std::vector<Received> &)> &
     return wait_until([&] { return pred(messages()); }, timeout);
 }
 
-bool Subscriber::publish(const std::string &topic, const std::string &payload, int qos)
+bool Subscriber::publish(const std::string &topic, const std::string &payload, int qos, bool retain)
 {
     return mosquitto_publish(mosq_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                             payload.data(), qos, false) == MOSQ_ERR_SUCCESS;
+                             payload.data(), qos, retain) == MOSQ_ERR_SUCCESS;
+}
+
+NodesEmitter::NodesEmitter(const std::string &bus_address)
+{
+    GError *error = nullptr;
+    conn_ = g_dbus_connection_new_for_address_sync(
+        bus_address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (conn_ == nullptr) {
+        g_error_free(error);
+        return;
+    }
+    GVariant *reply = g_dbus_connection_call_sync(
+        conn_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", "com.fernwick.DeviceService", 4u /* do not queue */), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    if (reply == nullptr) {
+        g_error_free(error);
+        return;
+    }
+    guint32 result = 0;
+    g_variant_get(reply, "(u)", &result);
+    g_variant_unref(reply);
+    owner_ = result == 1;
+}
+
+NodesEmitter::~NodesEmitter()
+{
+    if (conn_ != nullptr) {
+        g_dbus_connection_close_sync(conn_, nullptr, nullptr);
+        g_object_unref(conn_);
+    }
+}
+
+bool NodesEmitter::emit(const std::vector<bridge::DeviceReading> &devices)
+{
+    if (conn_ == nullptr)
+        return false;
+    GVariantBuilder list;
+    g_variant_builder_init(&list, G_VARIANT_TYPE("a(usuuv)"));
+    for (const auto &d : devices) {
+        GVariantBuilder nodes;
+        g_variant_builder_init(&nodes, G_VARIANT_TYPE("a(ssus)"));
+        for (const auto &n : d.nodes)
+            g_variant_builder_add(&nodes, "(ssus)", n.name.c_str(), n.addr.c_str(), n.data_type,
+                                  n.value.c_str());
+        g_variant_builder_add(&list, "(usuuv)", d.dev_id, d.dev_name.c_str(), d.dev_mfg, d.dev_type,
+                              g_variant_builder_end(&nodes));
+    }
+    return send(g_variant_new("(a(usuuv))", &list));
+}
+
+bool NodesEmitter::emit_odd()
+{
+    GVariantBuilder list;
+    g_variant_builder_init(&list, G_VARIANT_TYPE("a(usuuv)"));
+    g_variant_builder_add(&list, "(usuuv)", 1u, "odd", 0u, 0u, g_variant_new_string("no nodes"));
+    return send(g_variant_new("(a(usuuv))", &list));
+}
+
+bool NodesEmitter::send(GVariant *args)
+{
+    return g_dbus_connection_emit_signal(conn_, nullptr, "/com/fernwick/DeviceService",
+                                         "com.fernwick.DeviceService", "nodes", args, nullptr) != FALSE;
 }
 
 } // namespace bridgetest

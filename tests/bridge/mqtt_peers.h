@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+#include <gio/gio.h>
+
+#include "cycle.h"
 #include "support/test_util.h"
 
 struct mosquitto;
@@ -98,7 +101,7 @@ public:
     // Waits until `pred` holds for the messages received so far.
     bool wait(const std::function<bool(const std::vector<Received> &)> &pred,
               std::chrono::milliseconds timeout = 10s) const;
-    bool publish(const std::string &topic, const std::string &payload, int qos = 1);
+    bool publish(const std::string &topic, const std::string &payload, int qos = 1, bool retain = false);
 
 private:
     static void on_connect(mosquitto *, void *, int);
@@ -110,6 +113,28 @@ private:
     mutable std::mutex mutex_;
     std::vector<Received> messages_;
     bool subscribed_ = false;
+};
+
+// A stand-in for the daemon: owns its name on a bus and emits `nodes` with
+// the devices given, so a test decides exactly when each cycle happens.
+class NodesEmitter {
+public:
+    explicit NodesEmitter(const std::string &bus_address);
+    ~NodesEmitter();
+    NodesEmitter(const NodesEmitter &) = delete;
+    NodesEmitter &operator=(const NodesEmitter &) = delete;
+
+    bool owner() const { return owner_; }
+    bool emit(const std::vector<bridge::DeviceReading> &devices);
+    // A signal whose device holds no node array: the bridge logs that it
+    // ignored it, which tells a test every earlier signal has been taken.
+    bool emit_odd();
+
+private:
+    bool send(GVariant *args);
+
+    GDBusConnection *conn_ = nullptr;
+    bool owner_ = false;
 };
 
 } // namespace bridgetest

@@ -1,0 +1,443 @@
+// Nothing lost while the broker or the primary host is away: the bridge as a
+// child process between a stand-in daemon that emits one cycle when the test
+// says so (every value changing each cycle) and a real mosquitto, which the
+// test stops, starts and publishes host STATEs to.
+#include <gtest/gtest.h>
+#include <json-glib/json-glib.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "mqtt_peers.h"
+#include "sparkplug.h"
+#include "support/bus.h"
+#include "values.h"
+
+using namespace bridgetest;
+using bridge::sp::MsgType;
+using dstest::count_of;
+using dstest::wait_until;
+
+namespace {
+
+constexpr char DEVICE[] = "line";
+constexpr char HOST_STATE[] = "spBv1.0/STATE/scada";
+
+std::string bridge_binary()
+{
+    const char *other = getenv("DS_TEST_BRIDGE_BINARY");
+    return other != nullptr && *other != '\0' ? other : DS_BRIDGE_BINARY;
+}
+
+struct SpMessage {
+    bridge::sp::Topic topic;
+    bridge::sp::Payload payload;
+};
+
+std::vector<SpMessage> decoded(const std::vector<Received> &raw)
+{
+    std::vector<SpMessage> out;
+    for (const auto &r : raw) {
+        SpMessage m;
+        EXPECT_TRUE(bridge::sp::parse_topic(r.topic, m.topic)) << r.topic;
+        if (m.topic.type != MsgType::STATE) { // the host's JSON
+            EXPECT_TRUE(bridge::sp::decode(r.payload, m.payload)) << r.topic;
+        }
+        out.push_back(std::move(m));
+    }
+    return out;
+}
+
+uint64_t number(const bridge::sp::Metric &m)
+{
+    if (const auto *v = std::get_if<uint32_t>(&m.value))
+        return *v;
+    if (const auto *v = std::get_if<uint64_t>(&m.value))
+        return *v;
+    ADD_FAILURE() << m.name << " is not an integer";
+    return 0;
+}
+
+std::optional<uint64_t> node_metric(const bridge::sp::Payload &p, const std::string &name)
+{
+    for (const auto &m : p.metrics)
+        if (m.name == name)
+            return number(m);
+    return std::nullopt;
+}
+
+// What the DDATA of the device said, metric by metric, checked across
+// sessions (each one starting at an NBIRTH): within a session every metric
+// rises strictly (nothing out of order); over all of them every cycle from
+// `first` to `last` arrived, at most `max_repeats` of them twice (those in
+// flight at a kill); seq runs on from the NBIRTH's 0.
+struct History {
+    std::map<uint64_t, bool> historical; // cycle -> arrived marked historical (metric v0)
+    size_t repeats = 0;
+    std::vector<size_t> replayed_per_session;
+
+    // `in_births`: cycles whose values came in a DBIRTH instead.
+    void check(const std::vector<SpMessage> &all, uint64_t first, uint64_t last, size_t max_repeats,
+               const std::vector<uint64_t> &in_births = {})
+    {
+        std::map<std::string, std::vector<uint8_t>> seen; // metric -> arrivals per cycle
+        std::map<std::string, uint64_t> latest;
+        std::optional<uint64_t> seq;
+        for (size_t i = 0; i < all.size(); ++i) {
+            const SpMessage &m = all[i];
+            if (m.topic.type == MsgType::NBIRTH) {
+                latest.clear();
+                replayed_per_session.push_back(0);
+                seq = 0;
+                EXPECT_EQ(m.payload.seq.value_or(999), 0u) << i;
+                continue;
+            }
+            if (m.topic.type == MsgType::NDEATH || m.topic.type == MsgType::STATE)
+                continue;
+            if (seq) {
+                seq = (*seq + 1) % 256;
+                EXPECT_EQ(m.payload.seq.value_or(999), *seq) << "message #" << i;
+            }
+            if (m.topic.type != MsgType::DDATA || m.topic.device != DEVICE)
+                continue;
+            ASSERT_FALSE(replayed_per_session.empty()) << "DDATA before any NBIRTH";
+            bool any_historical = false;
+            for (const auto &metric : m.payload.metrics) {
+                const uint64_t v = number(metric);
+                ASSERT_LE(v, last) << metric.name;
+                const auto it = latest.find(metric.name);
+                if (it != latest.end()) {
+                    EXPECT_GT(v, it->second) << metric.name << " out of order at #" << i;
+                }
+                latest[metric.name] = v;
+                auto &arrivals = seen[metric.name];
+                arrivals.resize(last + 1);
+                if (++arrivals[v] > 1)
+                    ++repeats;
+                if (metric.name == "v0" && !historical.count(v))
+                    historical[v] = metric.historical;
+                any_historical = any_historical || metric.historical;
+            }
+            replayed_per_session.back() += any_historical ? 1 : 0;
+        }
+        ASSERT_FALSE(seen.empty());
+        for (const auto &[name, arrivals] : seen)
+            for (uint64_t k = first; k <= last; ++k) {
+                if (std::find(in_births.begin(), in_births.end(), k) == in_births.end()) {
+                    ASSERT_GE(arrivals[k], 1) << name << " missing cycle " << k;
+                }
+            }
+        EXPECT_LE(repeats, max_repeats * seen.size());
+    }
+};
+
+class StoreForward : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(broker_.start());
+        plant_ = std::make_unique<NodesEmitter>(bus_.address());
+        ASSERT_TRUE(plant_->owner());
+        watch();
+    }
+
+    // A new subscriber (after a broker restart); what the old one got is kept.
+    void watch(const std::string &filter = "spBv1.0/#")
+    {
+        if (sub_)
+            for (auto &m : sub_->messages())
+                archive_.push_back(std::move(m));
+        filter_ = filter;
+        sub_ = std::make_unique<Subscriber>(broker_.port(), filter);
+        ASSERT_TRUE(sub_->ready());
+    }
+    std::vector<Received> raw() const
+    {
+        std::vector<Received> all = archive_;
+        for (auto &m : sub_->messages())
+            all.push_back(std::move(m));
+        return all;
+    }
+    std::vector<SpMessage> received() const { return decoded(raw()); }
+
+    Child &start_bridge(std::vector<std::string> extra = {})
+    {
+        std::vector<std::string> args = {bridge_binary(), "--broker", broker_.address(), "--bus-address",
+                                         bus_.address(), "--state-dir", state_dir(), "--group", "plant",
+                                         "--edge-node", "gw1"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        bridge_.reset(); // a bridge still running is killed first
+        bridge_ = std::make_unique<Child>(args, dir_.path(), "bridge" + std::to_string(bridges_++));
+        // Cycles emitted from now on reach it.
+        EXPECT_TRUE(bridge_->wait_err("device-service is on the bus")) << bridge_->err();
+        return *bridge_;
+    }
+    std::string state_dir() const { return dir_.file("state"); }
+
+    // Cycles `from`..`to`: every node of the device holds the cycle's number.
+    void emit(uint64_t from, uint64_t to, int nodes = 4)
+    {
+        for (uint64_t k = from; k <= to; ++k) {
+            bridge::DeviceReading d{1, DEVICE, 1, 101, {}};
+            for (int n = 0; n < nodes; ++n)
+                d.nodes.push_back({"v" + std::to_string(n), "D" + std::to_string(n), bridge::NodeU32,
+                                   std::to_string(k)});
+            ASSERT_TRUE(plant_->emit({d}));
+        }
+    }
+
+    // Waits for a message of `type` at index `from` or later; its index or -1.
+    // Only payloads of that type are decoded: a replay brings thousands.
+    int wait_for(MsgType type, size_t from = 0,
+                 const std::function<bool(const bridge::sp::Payload &)> &pred = nullptr,
+                 std::chrono::milliseconds timeout = 20s)
+    {
+        int found = -1;
+        wait_until(
+            [&] {
+                const auto all = raw();
+                for (size_t i = from; i < all.size() && found < 0; ++i) {
+                    bridge::sp::Topic t;
+                    bridge::sp::Payload p;
+                    if (bridge::sp::parse_topic(all[i].topic, t) && t.type == type &&
+                        (!pred || (bridge::sp::decode(all[i].payload, p) && pred(p))))
+                        found = static_cast<int>(i);
+                }
+                return found >= 0;
+            },
+            timeout);
+        if (found < 0)
+            ADD_FAILURE() << "no " << bridge::sp::msg_type_name(type) << " from #" << from
+                          << "; bridge said:\n" << bridge_->err();
+        return found;
+    }
+    int wait_value(uint64_t k, size_t from = 0)
+    {
+        return wait_for(MsgType::DDATA, from, [k](const bridge::sp::Payload &p) {
+            const auto v = node_metric(p, "v0");
+            return v && *v == k;
+        });
+    }
+    // Every cycle emitted so far has been through the bridge: it has
+    // answered a signal sent after them.
+    void wait_processed()
+    {
+        const size_t before = count_of(bridge_->err(), "unexpected shape");
+        ASSERT_TRUE(plant_->emit_odd());
+        ASSERT_TRUE(bridge_->wait_err("unexpected shape", 20s, before + 1)) << bridge_->err();
+    }
+
+    dstest::TempDir dir_;
+    dstest::PrivateBus bus_;
+    Broker broker_;
+    std::unique_ptr<NodesEmitter> plant_;
+    std::unique_ptr<Subscriber> sub_;
+    std::string filter_;
+    std::vector<Received> archive_;
+    std::unique_ptr<Child> bridge_;
+    int bridges_ = 0;
+};
+
+} // namespace
+
+TEST_F(StoreForward, BrokerOutageReplayedInOrderAcrossKills)
+{
+    // Enough to take the replay a good while: megabytes of values.
+    constexpr int NODES = 200;
+    constexpr uint64_t LAST_STORED = 3000;
+    start_bridge();
+    ASSERT_GE(wait_for(MsgType::NBIRTH), 0);
+    emit(1, 5, NODES);
+    ASSERT_GE(wait_value(5), 0);
+
+    broker_.stop();
+    ASSERT_TRUE(bridge_->wait_err("lost the broker")) << bridge_->err();
+    emit(6, 300, NODES);
+    wait_processed();
+    // Killed during the outage: what it stored survives.
+    bridge_->signal(SIGKILL);
+    start_bridge();
+    emit(301, LAST_STORED, NODES); // the first makes the device anew: its values are kept all the same
+    wait_processed();
+
+    ASSERT_TRUE(broker_.start());
+    watch(filter_);
+    const int births = wait_for(MsgType::NBIRTH, raw().size());
+    ASSERT_GE(births, 0);
+    // Killed again a moment into the replay, the broker frozen meanwhile so
+    // that what the bridge has written stays where it is.
+    ASSERT_GE(wait_for(MsgType::DDATA, static_cast<size_t>(births)), 0);
+    broker_.signal(SIGSTOP);
+    bridge_->signal(SIGKILL);
+    EXPECT_EQ(bridge_->wait_exit(), 128 + SIGKILL);
+    broker_.signal(SIGCONT);
+    start_bridge();
+    ASSERT_GE(wait_for(MsgType::NBIRTH, static_cast<size_t>(births) + 1), 0);
+    // A restarted bridge knows its devices from the first cycle on: the
+    // replay follows that cycle's DBIRTH, and the next cycles wait behind it.
+    emit(LAST_STORED + 1, LAST_STORED + 3, NODES);
+    ASSERT_TRUE(bridge_->wait_err("every stored message has been sent", 30s)) << bridge_->err();
+    emit(LAST_STORED + 4, LAST_STORED + 4, NODES);
+    ASSERT_GE(wait_value(LAST_STORED + 4), 0);
+
+    History h;
+    h.check(received(), 1, LAST_STORED + 4, 256 + 64, {1, LAST_STORED + 1});
+    ASSERT_EQ(h.replayed_per_session.size(), 3u);
+    EXPECT_GT(h.replayed_per_session[1], 0u);
+    EXPECT_GT(h.replayed_per_session[2], 0u) << "the replay ended before the kill";
+    // First arrivals: live before the outage and after the replay, historical
+    // for what was stored.
+    for (const auto &[k, historical] : h.historical)
+        if (k <= LAST_STORED || k == LAST_STORED + 4) {
+            EXPECT_EQ(historical, k >= 6 && k <= LAST_STORED) << "cycle " << k;
+        }
+}
+
+TEST_F(StoreForward, FullStoreDropsTheOldestAndSaysHowMany)
+{
+    constexpr int NODES = 100;
+    constexpr uint64_t CAP = 256 * 1024;
+    start_bridge({"--store-max-mb", "0.25"});
+    ASSERT_GE(wait_for(MsgType::NBIRTH), 0);
+    emit(1, 1, NODES);
+    ASSERT_GE(wait_for(MsgType::DBIRTH), 0);
+    broker_.stop();
+    ASSERT_TRUE(bridge_->wait_err("lost the broker")) << bridge_->err();
+    emit(2, 600, NODES);
+    wait_processed();
+    EXPECT_TRUE(bridge_->wait_err("the store was full: ")) << bridge_->err();
+
+    uint64_t on_disk = 0;
+    std::unique_ptr<DIR, int (*)(DIR *)> d(opendir(state_dir().c_str()), closedir);
+    ASSERT_TRUE(d);
+    while (const dirent *e = readdir(d.get())) {
+        struct stat st{};
+        if (std::string(e->d_name).rfind("store-", 0) == 0 &&
+            stat((state_dir() + "/" + e->d_name).c_str(), &st) == 0)
+            on_disk += static_cast<uint64_t>(st.st_size);
+    }
+    EXPECT_GT(on_disk, CAP / 2);
+    EXPECT_LE(on_disk, CAP);
+
+    ASSERT_TRUE(broker_.start());
+    watch(filter_);
+    ASSERT_TRUE(bridge_->wait_err("every stored message has been sent", 30s)) << bridge_->err();
+    const auto all = received();
+    const int birth = wait_for(MsgType::NBIRTH, 1);
+    ASSERT_GE(birth, 0);
+    const auto dropped = node_metric(all[static_cast<size_t>(birth)].payload, "Store/Dropped Values");
+    ASSERT_TRUE(dropped);
+    // Whole messages go, the oldest first: the replay starts right after them.
+    const int first = wait_for(MsgType::DDATA, static_cast<size_t>(birth));
+    ASSERT_GE(first, 0);
+    const uint64_t oldest_kept = node_metric(all[static_cast<size_t>(first)].payload, "v0").value_or(0);
+    EXPECT_GT(oldest_kept, 2u);
+    EXPECT_EQ(*dropped, (oldest_kept - 2) * NODES);
+    EXPECT_TRUE(all[static_cast<size_t>(first)].payload.metrics.at(0).historical);
+    std::vector<SpMessage> after(all.begin() + birth, all.end());
+    History h;
+    h.check(after, oldest_kept, 600, 0);
+}
+
+TEST_F(StoreForward, PrimaryHostGatesBirthsAndEndsTheSessionWhenOffline)
+{
+    start_bridge({"--primary-host", "scada"});
+    ASSERT_TRUE(bridge_->wait_err("connected to")) << bridge_->err();
+    emit(1, 3); // values wait for the host, births too
+    ASSERT_TRUE(bridge_->wait_err("storing data until")) << bridge_->err();
+    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":true,"timestamp":1000})", 1, true));
+    const int birth = wait_for(MsgType::NBIRTH);
+    ASSERT_GE(birth, 0);
+    const auto bd = node_metric(received()[static_cast<size_t>(birth)].payload, "bdSeq");
+    emit(4, 4);
+    ASSERT_GE(wait_value(4), 0);
+
+    // Older than the online STATE seen: ignored, the session goes on.
+    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":false,"timestamp":999})", 1, true));
+    ASSERT_TRUE(bridge_->wait_err("STATE stale")) << bridge_->err();
+    emit(5, 5);
+    ASSERT_GE(wait_value(5), 0);
+
+    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":false,"timestamp":1000})", 1, true));
+    const int death = wait_for(MsgType::NDEATH);
+    ASSERT_GE(death, 0);
+    EXPECT_EQ(node_metric(received()[static_cast<size_t>(death)].payload, "bdSeq"), bd);
+    ASSERT_TRUE(bridge_->wait_err("connected to", 20s, 2)) << bridge_->err();
+    emit(6, 8);
+    ASSERT_TRUE(bridge_->wait_err("storing data until", 10s, 2)) << bridge_->err();
+    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":true,"timestamp":2000})", 1, true));
+    const int again = wait_for(MsgType::NBIRTH, static_cast<size_t>(death));
+    ASSERT_GE(again, 0);
+    EXPECT_EQ(node_metric(received()[static_cast<size_t>(again)].payload, "bdSeq"), *bd + 1);
+    emit(9, 9);
+    ASSERT_GE(wait_value(9), 0);
+
+    const auto all = received();
+    EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                            [](const SpMessage &m) { return m.topic.type == MsgType::NDEATH; }),
+              1) << bridge_->err();
+    History h;
+    h.check(all, 1, 9, 0);
+    EXPECT_TRUE(h.historical.at(1));
+    EXPECT_TRUE(h.historical.at(6));
+    EXPECT_FALSE(h.historical.at(4));
+    EXPECT_FALSE(h.historical.at(9));
+}
+
+TEST_F(StoreForward, CorruptStoreSetAsideAndJsonReplayedWithItsTimes)
+{
+    ASSERT_EQ(mkdir(state_dir().c_str(), 0700), 0);
+    dstest::write_file(state_dir() + "/store-json-plant-gw1.db", std::string(8192, 'x'));
+    watch("site/line");
+    start_bridge({"--mode", "json", "--topic-prefix", "site"});
+    ASSERT_TRUE(bridge_->wait_err("is not usable")) << bridge_->err();
+    EXPECT_TRUE(bridge_->wait_err("set aside as " + state_dir() + "/store-json-plant-gw1.db.corrupt-"))
+        << bridge_->err();
+    ASSERT_TRUE(bridge_->wait_err("connected to")) << bridge_->err();
+
+    auto values = [&] {
+        std::vector<std::pair<uint64_t, int64_t>> out; // v0, timestamp
+        for (const auto &r : raw()) {
+            std::unique_ptr<JsonNode, void (*)(JsonNode *)> n(json_from_string(r.payload.c_str(), nullptr),
+                                                              json_node_unref);
+            JsonObject *o = n ? json_node_get_object(n.get()) : nullptr;
+            if (o == nullptr)
+                continue;
+            out.emplace_back(json_object_get_int_member(json_object_get_object_member(o, "values"), "v0"),
+                             json_object_get_int_member(o, "timestamp"));
+        }
+        return out;
+    };
+    emit(1, 1);
+    ASSERT_TRUE(sub_->wait([](const auto &m) { return m.size() == 1; })) << bridge_->err();
+
+    broker_.stop();
+    ASSERT_TRUE(bridge_->wait_err("lost the broker")) << bridge_->err();
+    emit(2, 20);
+    wait_processed();
+    const auto back_at = g_get_real_time() / 1000;
+    ASSERT_TRUE(broker_.start());
+    watch("site/line");
+    ASSERT_TRUE(bridge_->wait_err("every stored message has been sent", 20s)) << bridge_->err();
+    emit(21, 21);
+    ASSERT_TRUE(wait_until([&] { return values().size() == 21; }, 10s)) << bridge_->err();
+
+    const auto got = values();
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i].first, i + 1);
+        if (i > 0) {
+            EXPECT_GE(got[i].second, got[i - 1].second);
+        }
+        if (i >= 1 && i < 20) {
+            EXPECT_LT(got[i].second, back_at) << "cycle " << i + 1 << " keeps the time it was read";
+        }
+    }
+}
