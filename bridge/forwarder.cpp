@@ -117,7 +117,7 @@ void Forwarder::forget_done()
 void Forwarder::schedule()
 {
     if (step_id_ == 0)
-        step_id_ = g_idle_add(&Forwarder::on_step, this);
+        step_id_ = g_idle_add_full(G_PRIORITY_DEFAULT, &Forwarder::on_step, this, nullptr);
 }
 
 gboolean Forwarder::on_step(gpointer self)

@@ -36,6 +36,8 @@ TEST(BridgeOptions, DefaultsAndEveryValue)
     EXPECT_EQ(o.client_id, "device-service-bridge-" + o.node.edge_node);
     EXPECT_EQ(o.state_dir, bridge::default_state_dir());
     EXPECT_FALSE(o.watch);
+    EXPECT_EQ(o.store_max_mb, 64);
+    EXPECT_TRUE(o.primary_host.empty());
 
     dstest::TempDir dir;
     dstest::write_file(dir.file("pw"), "s3cret\nignored\n");
@@ -60,6 +62,9 @@ TEST(BridgeOptions, DefaultsAndEveryValue)
     EXPECT_EQ(o.topic_prefix, "site/a");
     EXPECT_EQ(o.state_dir, dir.path());
     EXPECT_EQ(o.bus_address, "unix:path=/x");
+    ASSERT_TRUE(parse({"--store-max-mb", "0.5", "--primary-host", "scada-1"}, o, error)) << error;
+    EXPECT_EQ(o.store_max_mb, 0.5);
+    EXPECT_EQ(o.primary_host, "scada-1");
 
     // IPv6 brokers, with and without a port.
     ASSERT_TRUE(parse({"--broker", "[::1]:1884"}, o, error)) << error;
@@ -102,6 +107,10 @@ TEST(BridgeOptions, MistakesAreOneLineEach)
         {{"--tls-ca", dir.file("ca"), "--tls-cert", dir.file("ca")}, "--tls-cert and --tls-key go together"},
         {{"--tls-cert", dir.file("ca"), "--tls-key", dir.file("ca")}, "--tls-cert needs --tls-ca"},
         {{"--config", dir.file("missing.conf")}, "--config " + dir.file("missing.conf")},
+        {{"--store-max-mb", "-1"}, "--store-max-mb '-1': expected a number of MiB (0 for no store)"},
+        {{"--store-max-mb", "64M"}, "expected a number of MiB"},
+        {{"--primary-host", "scada/1"}, "--primary-host 'scada/1' must not hold"},
+        {{"--primary-host", "scada", "--mode", "json"}, "--primary-host is for Sparkplug mode"},
         {{"stray"}, "unexpected 'stray'"},
     };
     for (const auto &c : cases) {

@@ -1,0 +1,4 @@
+# The bridge's session, store and MQTT client in process, mosquitto and a
+# subscriber of the tests' own.
+target_sources(bench_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/bridge/mqtt_peers.cpp)
+target_link_libraries(bench_${name} PRIVATE ds_bridge_program)
