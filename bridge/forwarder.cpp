@@ -79,12 +79,14 @@ void Forwarder::stop()
 
 void Forwarder::delivered(int mid)
 {
-    if (sending_) {
+    const auto it = std::find_if(inflight_.begin(), inflight_.end(),
+                                 [mid](const InFlight &f) { return f.mid == mid && !f.done; });
+    // libmosquitto writes what waited before the message being published,
+    // and may write that one too before its id is known to us.
+    if (sending_ && it == inflight_.end()) {
         early_.insert(mid);
         return;
     }
-    const auto it = std::find_if(inflight_.begin(), inflight_.end(),
-                                 [mid](const InFlight &f) { return f.mid == mid && !f.done; });
     const bool ours = it != inflight_.end();
     if (ours) {
         it->done = true;

@@ -330,6 +330,7 @@ TEST_F(StoreForward, FullStoreDropsTheOldestAndSaysHowMany)
     ASSERT_TRUE(broker_.start());
     watch(filter_);
     ASSERT_TRUE(bridge_->wait_err("every stored message has been sent", 30s)) << bridge_->err();
+    ASSERT_GE(wait_value(600), 0);
     const auto all = received();
     const int birth = wait_for(MsgType::NBIRTH, 1);
     ASSERT_GE(birth, 0);
