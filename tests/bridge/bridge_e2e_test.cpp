@@ -330,7 +330,8 @@ TEST_F(BridgeE2E, NodesAndDevicesComeAndGo)
     configure("nodeTableAddMulti", node_array({{1, 11, "val:5", 4, "a", "press"}}));
     const int reborn = wait_for(MsgType::DBIRTH, "fx", mark);
     ASSERT_GE(reborn, 0);
-    const auto *strokes = metric(received()[static_cast<size_t>(reborn)].payload, "strokes");
+    const auto after_rebirth = received(); // the metric below points into it
+    const auto *strokes = metric(after_rebirth[static_cast<size_t>(reborn)].payload, "strokes");
     ASSERT_NE(strokes, nullptr);
     EXPECT_EQ(integer(*strokes), 43);
     const int back = wait_for(MsgType::DDATA, "press", mark, [](const bridge::sp::Payload &p) {
