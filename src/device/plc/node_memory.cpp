@@ -35,8 +35,10 @@ struct size_class {
 };
 
 std::mutex memory_mutex;
-size_class classes[CLASSES];
 size_t mapped = 0;
+
+#if !defined(__SANITIZE_ADDRESS__)
+size_class classes[CLASSES];
 
 size_t page_rounded(size_t n)
 {
@@ -147,6 +149,7 @@ void give(size_class &c, void *p)
     s->fresh = reinterpret_cast<char *>(s) + HEADER;
     c.spare = s;
 }
+#endif
 
 } // namespace
 
