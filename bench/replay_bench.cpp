@@ -167,7 +167,7 @@ bool measure(const Layout &l, uint64_t values, bridgetest::Broker &broker)
     const bool all = sub.wait([&](const auto &m) { return m.size() >= messages; }, 60s);
     const double rate = static_cast<double>(stored.values) / wall;
     printf("  replay: %.0f values per second (target >= %.0f), %.2f s, %.2f us of CPU per value "
-           "(subscriber and broker included); %zu of %llu messages reached the subscriber\n",
+           "in this process (its subscriber thread included, mosquitto not); %zu of %llu messages reached the subscriber\n",
            rate, kReplayTarget, wall, cpu * 1e6 / static_cast<double>(stored.values), sub.count(),
            static_cast<unsigned long long>(messages));
     bool done = false;
