@@ -8,11 +8,11 @@
 
 #include "acquisition/node_array.h"
 
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"
 #include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 
 #include "database/device_db.pb-c.h"
 #include "database/restore.h"
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"
 #include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 // Failures here are logged at error level, which ends the process: a store
 // that cannot be opened or written stops the service before it serves.

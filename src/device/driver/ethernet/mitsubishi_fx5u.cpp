@@ -6,7 +6,7 @@
 
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "device/driver/ethernet/fx5u_address.h"
+#include "codec/fx5u_address.h"
 #include "device/plc/plc_ethernet.h"
 
 namespace {

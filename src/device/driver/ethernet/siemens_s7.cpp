@@ -7,7 +7,7 @@
 
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "device/driver/ethernet/s7_address.h"
+#include "codec/s7_address.h"
 #include "device/plc/plc_ethernet.h"
 
 namespace {
