@@ -15,4 +15,4 @@ set(DS_LAYER_service service .)                  # start-up (main.cpp sits at th
 set(DS_OUTSIDE sim fuzz tools)
 set(DS_OUTSIDE_sim codec)
 set(DS_OUTSIDE_fuzz codec)
-set(DS_OUTSIDE_tools none)
+set(DS_OUTSIDE_tools base)
