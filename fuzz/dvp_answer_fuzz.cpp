@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "device/driver/serial/dvp_codec.h"
+#include "codec/dvp_codec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "device/driver/ethernet/mc_3e_codec.h"
+#include "codec/mc_3e_codec.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "device/driver/serial/ppi_codec.h"
+#include "codec/ppi_codec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "device/driver/serial/qna_4c_codec.h"
+#include "codec/qna_4c_codec.h"
 
 namespace {
 void quiet_log(const gchar *, GLogLevelFlags, const gchar *, gpointer) {}

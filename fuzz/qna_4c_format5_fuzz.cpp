@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "device/driver/serial/qna_4c_codec.h"
+#include "codec/qna_4c_codec.h"
 
 namespace {
 void quiet_log(const gchar *, GLogLevelFlags, const gchar *, gpointer) {}

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "device/driver/ethernet/s7_address.h"
+#include "codec/s7_address.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "device/driver/serial/dvp_codec.h"
+#include "codec/dvp_codec.h"
 
 namespace sim {
 

@@ -1,6 +1,6 @@
 #include "sim/fx_sim.h"
 
-#include "device/driver/serial/fx_codec.h"
+#include "codec/fx_codec.h"
 
 namespace sim {
 

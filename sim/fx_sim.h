@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "device/driver/serial/fx_codec.h"
+#include "codec/fx_codec.h"
 #include "sim/serial_line.h"
 
 namespace sim {

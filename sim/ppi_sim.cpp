@@ -1,6 +1,6 @@
 #include "sim/ppi_sim.h"
 
-#include "device/driver/serial/ppi_codec.h"
+#include "codec/ppi_codec.h"
 
 namespace sim {
 

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "device/driver/serial/qna_4c_codec.h"
+#include "codec/qna_4c_codec.h"
 
 namespace sim {
 

@@ -8,6 +8,8 @@
 #include <memory>
 #include <set>
 
+#include "base/handles.h"
+
 namespace ctl {
 
 namespace {
@@ -397,10 +399,6 @@ bool for_each_object(Fields &root, JsonObject *obj, const std::string &file, con
     return true;
 }
 
-struct ParserDeleter {
-    void operator()(JsonParser *p) const { g_object_unref(p); }
-};
-
 } // namespace
 
 const std::vector<Model> &models()
@@ -519,7 +517,7 @@ GVariant *node_array(const std::vector<Node> &nodes)
 
 bool parse_config(const std::string &file, std::string_view text, Config &out, std::string &err)
 {
-    std::unique_ptr<JsonParser, ParserDeleter> parser(json_parser_new());
+    gobject_owner<JsonParser> parser(json_parser_new());
     GError *error = nullptr;
     if (!json_parser_load_from_data(parser.get(), text.data(), static_cast<gssize>(text.size()),
                                     &error)) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "ctl_config.h"
 #include "ctl_monitor.h"
 #include "idl/common/device_idl.h"
@@ -79,16 +80,6 @@ int input_error(const std::string &msg)
     fprintf(stderr, "device-service-ctl: %s\n", msg.c_str());
     return EXIT_INPUT;
 }
-
-struct GErrorFree {
-    void operator()(GError *e) const { g_error_free(e); }
-};
-using ErrorPtr = std::unique_ptr<GError, GErrorFree>;
-
-template <typename T>
-struct Unref {
-    void operator()(T *p) const { g_object_unref(p); }
-};
 
 // One method call, made once everything has been checked.
 struct Call {
@@ -348,7 +339,7 @@ int run_calls(GatewayDeviceService *proxy, const std::vector<Call> &calls)
         gint code = 0;
         GError *raw = nullptr;
         const bool answered = c.run(proxy, &code, &raw) != FALSE;
-        ErrorPtr error(raw);
+        gerror_owner error(raw);
         if (!answered) {
             std::string why = "no answer";
             if (error && g_error_matches(error.get(), G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN)) {
@@ -492,16 +483,16 @@ int run(std::vector<std::string> args)
         return EXIT_DONE;
     }
 
-    std::unique_ptr<GDBusConnection, Unref<GDBusConnection>> conn(connect_bus(address, err));
+    gobject_owner<GDBusConnection> conn(connect_bus(address, err));
     if (!conn) {
         fprintf(stderr, "device-service-ctl: %s\n", err.c_str());
         return EXIT_BUS;
     }
     GError *raw = nullptr;
-    std::unique_ptr<GatewayDeviceService, Unref<GatewayDeviceService>> proxy(
+    gobject_owner<GatewayDeviceService> proxy(
         gateway_device_service_proxy_new_sync(conn.get(), G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES,
                                               BUS_NAME, OBJECT_PATH, nullptr, &raw));
-    ErrorPtr error(raw);
+    gerror_owner error(raw);
     if (!proxy) {
         fprintf(stderr, "device-service-ctl: %s\n", error->message);
         return EXIT_BUS;

@@ -4,16 +4,12 @@
 
 #include <memory>
 
+#include "base/handles.h"
 #include "ctl_config.h"
 
 namespace ctl {
 
 namespace {
-
-template <typename T>
-struct Unref {
-    void operator()(T *p) const { g_object_unref(p); }
-};
 
 std::string local_time(GDateTime *when, const char *format)
 {
@@ -102,7 +98,7 @@ std::string cycle_table(const std::vector<DeviceValues> &devices, unsigned numbe
 
 std::string cycle_json(const std::vector<DeviceValues> &devices, unsigned number, GDateTime *when)
 {
-    std::unique_ptr<JsonBuilder, Unref<JsonBuilder>> b(json_builder_new());
+    gobject_owner<JsonBuilder> b(json_builder_new());
     auto member = [&](const char *name) { json_builder_set_member_name(b.get(), name); };
     json_builder_begin_object(b.get());
     member("cycle");
@@ -147,7 +143,7 @@ std::string cycle_json(const std::vector<DeviceValues> &devices, unsigned number
     json_builder_end_array(b.get());
     json_builder_end_object(b.get());
 
-    std::unique_ptr<JsonGenerator, Unref<JsonGenerator>> gen(json_generator_new());
+    gobject_owner<JsonGenerator> gen(json_generator_new());
     JsonNode *root = json_builder_get_root(b.get());
     json_generator_set_root(gen.get(), root);
     gchar *text = json_generator_to_data(gen.get(), nullptr);

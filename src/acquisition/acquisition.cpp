@@ -7,12 +7,13 @@
 #include <string>
 
 #include "acquisition/node_array.h"
+#include "base/handles.h"
 
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"
 #include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 namespace {
 
@@ -112,8 +113,7 @@ bool run_cycle(cycle_buffers &buf)
 {
     g_message("read nodes table :\n");
     List_Change_Flag.store(0);
-    GVariantBuilder cycle;
-    g_variant_builder_init(&cycle, G_VARIANT_TYPE("a(usuuv)"));
+    gvariant_builder cycle(G_VARIANT_TYPE("a(usuuv)"));
 
     GSList *cur = nullptr;
     bool first = true;
@@ -125,7 +125,6 @@ bool run_cycle(cycle_buffers &buf)
                 g_print("-----------------Abort 0-------------------------\n");
                 lock.unlock();
                 wait_change_done();
-                g_variant_builder_clear(&cycle);
                 return false;
             }
             cur = first ? get_activated_device() : cur->next;
@@ -144,24 +143,22 @@ bool run_cycle(cycle_buffers &buf)
             if (read_device_nodes(dev, buf.rd, buf.nodes) == pass_result::aborted) {
                 dev->driver->release(dev);
                 device_free(dev);
-                g_variant_builder_clear(&cycle);
                 return false;
             }
             dev->driver->release(dev);
         }
-        g_variant_builder_add(&cycle, "(usuu@v)", dev->dev_id, dev->dev_name.c_str(), dev->dev_mfg,
+        g_variant_builder_add(cycle.get(), "(usuu@v)", dev->dev_id, dev->dev_name.c_str(), dev->dev_mfg,
                               dev->dev_type, g_variant_new_variant(buf.nodes.end()));
         device_free(dev);
 
         if (List_Change_Flag.load() != 0) {
             g_print("-----------------Abort 3-------------------------\n");
             wait_change_done();
-            g_variant_builder_clear(&cycle);
             return false;
         }
     }
 
-    GVariant *value = g_variant_builder_end(&cycle);
+    GVariant *value = cycle.end();
     GatewayDeviceService *sk = skeleton.load();
     if (sk != nullptr)
         gateway_device_service_emit_nodes(sk, value);

@@ -6,13 +6,14 @@
 #include <cstring>
 #include <vector>
 
+#include "base/handles.h"
 #include "database/device_db.pb-c.h"
 #include "database/restore.h"
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"
 #include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 // Failures here are logged at error level, which ends the process: a store
 // that cannot be opened or written stops the service before it serves.
@@ -33,29 +34,29 @@ void close_store(const char *func, sqlite3 *conn)
         g_error("<%s>: Failed to close database: %s\n", func, sqlite3_errmsg(conn));
 }
 
-sqlite3_stmt *prepare(const char *func, sqlite3 *conn, const char *text)
+sqlite_stmt_owner prepare(const char *func, sqlite3 *conn, const char *text)
 {
     sqlite3_stmt *st = nullptr;
     if (sqlite3_prepare_v2(conn, text, -1, &st, nullptr) != SQLITE_OK)
         g_error("<%s>: Failed to prepare %s\n", func, sqlite3_errmsg(conn));
-    return st;
+    return sqlite_stmt_owner(st);
 }
 
 int count_rows(sqlite3 *conn, const char *text, bool *failed)
 {
-    sqlite3_stmt *st = nullptr;
+    sqlite3_stmt *prepared = nullptr;
     *failed = false;
-    if (sqlite3_prepare_v2(conn, text, -1, &st, nullptr) != SQLITE_OK) {
+    if (sqlite3_prepare_v2(conn, text, -1, &prepared, nullptr) != SQLITE_OK) {
         *failed = true;
         return 0;
     }
+    const sqlite_stmt_owner st(prepared);
     int rows = 0;
     int rc;
-    while ((rc = sqlite3_step(st)) == SQLITE_ROW)
+    while ((rc = sqlite3_step(st.get())) == SQLITE_ROW)
         ++rows;
     if (rc != SQLITE_DONE)
         *failed = true;
-    sqlite3_finalize(st);
     return rows;
 }
 
@@ -121,27 +122,26 @@ int database_save_message(const char *file, const char *table, int id, const cha
 {
     sqlite3 *conn = open_store(__func__, file);
     char text[256];
-    sqlite3_stmt *st = nullptr;
+    sqlite_stmt_owner st;
     if (sanity_check_by_id(conn, table, id) == 0) {
         // An existing row keeps its NAME: only the message is replaced.
         snprintf(text, sizeof text, "UPDATE '%s' SET PAYLOAD = ? WHERE ID = %d", table, id);
         st = prepare(__func__, conn, text);
-        if (bind_payload(st, 1, payload, length) != SQLITE_OK)
+        if (bind_payload(st.get(), 1, payload, length) != SQLITE_OK)
             g_error("<%s>: Failed to bind blob(update)\n", __func__);
     } else {
         snprintf(text, sizeof text, "INSERT INTO '%s'(ID,NAME,PAYLOAD) VALUES(?,?,?)", table);
         st = prepare(__func__, conn, text);
-        if (sqlite3_bind_int(st, 1, id) != SQLITE_OK)
+        if (sqlite3_bind_int(st.get(), 1, id) != SQLITE_OK)
             g_error("<%s>: Failed to bind int: %d", __func__, id);
-        if (sqlite3_bind_text(st, 2, name, -1, SQLITE_TRANSIENT) != SQLITE_OK)
+        if (sqlite3_bind_text(st.get(), 2, name, -1, SQLITE_TRANSIENT) != SQLITE_OK)
             g_error("<%s>: Failed to bind text: %s", __func__, name);
-        if (bind_payload(st, 3, payload, length) != SQLITE_OK)
+        if (bind_payload(st.get(), 3, payload, length) != SQLITE_OK)
             g_error("<%s>: Failed to bind blob(insert)\n", __func__);
     }
     g_print("<%s>: SQL:%s\n", __func__, text);
-    sqlite3_step(st);
-    sqlite3_reset(st);
-    sqlite3_finalize(st);
+    sqlite3_step(st.get());
+    st.reset(); // a statement left open would make the close fail
     close_store(__func__, conn);
     return 0;
 }
@@ -166,15 +166,15 @@ int database_restore_message(const char *file, const char *table, blob_callback 
     char text[128];
     snprintf(text, sizeof text, "SELECT * FROM '%s'", table);
     g_print("<%s>: SQL:%s\n", __func__, text);
-    sqlite3_stmt *st = prepare(__func__, conn, text);
-    while (sqlite3_step(st) == SQLITE_ROW) {
-        const auto *blob = static_cast<const uint8_t *>(sqlite3_column_blob(st, 2));
-        const int len = sqlite3_column_bytes(st, 2);
-        // A callback's result does not stop the walk.
-        callback(blob, static_cast<size_t>(len));
-    }
-    sqlite3_reset(st);
-    sqlite3_finalize(st);
+    {
+        const sqlite_stmt_owner st = prepare(__func__, conn, text);
+        while (sqlite3_step(st.get()) == SQLITE_ROW) {
+            const auto *blob = static_cast<const uint8_t *>(sqlite3_column_blob(st.get(), 2));
+            const int len = sqlite3_column_bytes(st.get(), 2);
+            // A callback's result does not stop the walk.
+            callback(blob, static_cast<size_t>(len));
+        }
+    } // finalized before the close
     close_store(__func__, conn);
     return 0;
 }

@@ -8,10 +8,22 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/handles.h"
+
 char *db_name = const_cast<char *>("my.db");
 sqlite3 *db = nullptr;
 char *sql = nullptr;
 size_t malloc_num = 1024;
+
+void sqlite_deleter::operator()(sqlite3 *conn) const noexcept
+{
+    sqlite3_close(conn);
+}
+
+void sqlite_deleter::operator()(sqlite3_stmt *st) const noexcept
+{
+    sqlite3_finalize(st);
+}
 
 namespace {
 
@@ -61,10 +73,8 @@ bool only_blank(const char *tail)
         const char *rest = nullptr;
         if (sqlite3_prepare_v2(db, tail, -1, &next, &rest) != SQLITE_OK)
             return false;
-        if (next != nullptr) {
-            sqlite3_finalize(next);
+        if (sqlite_stmt_owner(next) != nullptr)
             return false;
-        }
         if (rest == tail)
             break;
         tail = rest;
@@ -77,16 +87,17 @@ bool only_blank(const char *tail)
 // call keeps such a value from ever carrying a second statement with it.
 int run_statement(const char *statement, row_callback callback)
 {
-    sqlite3_stmt *st = nullptr;
+    sqlite3_stmt *prepared = nullptr;
     const char *tail = nullptr;
-    if (sqlite3_prepare_v2(db, statement, -1, &st, &tail) != SQLITE_OK) {
+    if (sqlite3_prepare_v2(db, statement, -1, &prepared, &tail) != SQLITE_OK) {
         g_print("sqlite3_exec err: %s\n", sqlite3_errmsg(db));
         return -1;
     }
+    const sqlite_stmt_owner owner(prepared);
+    sqlite3_stmt *st = owner.get();
     if (st == nullptr)
         return 0; // nothing but white space or comments
     if (!only_blank(tail)) {
-        sqlite3_finalize(st);
         g_print("sqlite3_exec err: %s\n", "refusing a text of more than one statement");
         return -1;
     }
@@ -103,17 +114,14 @@ int run_statement(const char *statement, row_callback callback)
             names[i] = const_cast<char *>(sqlite3_column_name(st, i));
         }
         if (callback(nullptr, n, values, names) != 0) {
-            sqlite3_finalize(st);
             g_print("sqlite3_exec err: %s\n", "query aborted");
             return -1;
         }
     }
     if (rc != SQLITE_DONE) {
         g_print("sqlite3_exec err: %s\n", sqlite3_errmsg(db));
-        sqlite3_finalize(st);
         return -1;
     }
-    sqlite3_finalize(st);
     return 0;
 }
 

@@ -6,7 +6,7 @@
 
 #include "database/blob_store.h"
 #include "database/plc_database.h"
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 
 namespace {
 

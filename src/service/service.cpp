@@ -15,9 +15,9 @@
 #include "acquisition/acquisition.h"
 #include "acquisition/upstream.h"
 #include "database/restore.h"
-#include "device/driver/driver.h"
-#include "device/plc/plc_dispatch.h"
-#include "service/log.h"
+#include "device/driver/driver_modules.h"
+#include "config/plc_dispatch.h"
+#include "base/log.h"
 #include "service/system_notify.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <gio/gio.h>
 
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 int daemonize(const char *pid_file);
 void sigroutine(int signo);

@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "device/plc/plc_reset.h"
+#include "config/plc_reset.h"
 #include "ipc/ipc_system.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 void device_on_systemService_appeared(GDBusConnection * /*connection*/, const gchar *name,
                                       const gchar * /*name_owner*/, gpointer /*user_data*/)

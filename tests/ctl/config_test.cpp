@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "ctl_config.h"
-#include "device/driver/driver.h"
+#include "device/driver/driver_modules.h"
 #include "device/plc/plc_device.h"
 #include "support/test_util.h"
 

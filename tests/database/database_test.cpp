@@ -9,8 +9,8 @@
 #include "database/device_db.pb-c.h"
 #include "database/plc_database.h"
 #include "database/restore.h"
-#include "device/driver/driver.h"
-#include "service/runtime.h"
+#include "device/driver/driver_modules.h"
+#include "base/runtime.h"
 #include "support/sqlite_rows.h"
 #include "support/test_util.h"
 

@@ -2,8 +2,8 @@
 // server built on libmodbus's own server side.
 #include <gtest/gtest.h>
 
-#include "device/driver/driver.h"
-#include "device/driver/ethernet/fx5u_address.h"
+#include "device/driver/driver_modules.h"
+#include "codec/fx5u_address.h"
 #include "device/plc/plc_ethernet.h"
 #include "sim/modbus_tcp_sim.h"
 #include "support/config_calls.h"

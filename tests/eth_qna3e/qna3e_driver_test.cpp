@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "device/driver/driver.h"
+#include "device/driver/driver_modules.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_serial.h"
 #include "sim/mc_3e_sim.h"

@@ -3,7 +3,7 @@
 
 #include <regex>
 
-#include "service/log.h"
+#include "base/log.h"
 #include "support/test_util.h"
 
 using dstest::capture_output;

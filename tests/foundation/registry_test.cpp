@@ -1,7 +1,7 @@
 // Records, the node table list and the driver registry, in process.
 #include <gtest/gtest.h>
 
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 #include "device/driver/driver_modules.h"
 #include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_node.h"

@@ -5,7 +5,7 @@
 #include <iterator>
 
 #include "ipc/ipc_system.h"
-#include "service/log.h"
+#include "base/log.h"
 #include "support/bus.h"
 #include "support/standin_system_service.h"
 

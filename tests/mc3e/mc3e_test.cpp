@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "device/driver/ethernet/mc_3e_codec.h"
+#include "codec/mc_3e_codec.h"
 #include "support/test_util.h"
 
 using namespace dstest;

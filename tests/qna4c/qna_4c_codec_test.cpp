@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "device/driver/serial/qna_4c_codec.h"
+#include "codec/qna_4c_codec.h"
 #include "serial_common/log_records.h"
 
 namespace {

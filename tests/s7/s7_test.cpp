@@ -7,8 +7,8 @@
 
 #include <cstring>
 
-#include "device/driver/driver.h"
-#include "device/driver/ethernet/s7_address.h"
+#include "device/driver/driver_modules.h"
+#include "codec/s7_address.h"
 #include "device/plc/plc_ethernet.h"
 #include "support/test_util.h"
 

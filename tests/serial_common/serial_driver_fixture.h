@@ -7,9 +7,9 @@
 #include <memory>
 #include <string>
 
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 #include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 #include "sim/serial_line.h"
 #include "support/test_util.h"
 

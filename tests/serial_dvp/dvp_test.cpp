@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "device/driver/serial/dvp_codec.h"
+#include "codec/dvp_codec.h"
 #include "serial_common/sim_driver_fixture.h"
 #include "sim/dvp_sim.h"
 

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "device/driver/serial/fx_codec.h"
+#include "codec/fx_codec.h"
 #include "serial_common/sim_driver_fixture.h"
 #include "sim/fx_sim.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "device/driver/serial/ppi_codec.h"
+#include "codec/ppi_codec.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <thread>
 
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 
 namespace {
 

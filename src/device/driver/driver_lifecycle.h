@@ -2,7 +2,7 @@
 // `<name>_drv`. priv_type must be a plain struct: it is allocated zero-filled.
 #pragma once
 
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 
 #define DRIVER_LIFECYCLE(name, priv_type, present_text, missing_text)                        \
     extern driver name##_drv;                                                                \

@@ -1,5 +1,14 @@
-// Init/deinit of every compiled-in driver, in the order of driver_modules.
+// The compiled-in drivers: their init/deinit, and the table that runs them.
 #pragma once
+
+#include "device/registry/driver.h"
+
+// The compiled-in drivers in matching order, ended by a pair of nulls.
+extern const driver_module driver_modules[];
+
+// Registers (probes) every compiled-in driver, and the reverse.
+void init_driver();
+void deinit_driver();
 
 int mitsubishi_fx1n_init();
 int mitsubishi_fx1n_deinit();

@@ -1,4 +1,4 @@
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 #include "device/driver/driver_modules.h"
 
 // This order is the matching order.
@@ -17,3 +17,13 @@ const driver_module driver_modules[] = {
     {delta_dvp32ec_init, delta_dvp32ec_deinit},
     {nullptr, nullptr},
 };
+
+void init_driver()
+{
+    init_driver_modules(driver_modules);
+}
+
+void deinit_driver()
+{
+    deinit_driver_modules(driver_modules);
+}

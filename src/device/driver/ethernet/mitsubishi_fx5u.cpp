@@ -3,10 +3,12 @@
 #include <modbus.h>
 
 #include <cstdio>
+#include <utility>
 
+#include "base/handles.h"
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "device/driver/ethernet/fx5u_address.h"
+#include "codec/fx5u_address.h"
 #include "device/plc/plc_ethernet.h"
 
 namespace {
@@ -92,23 +94,16 @@ int mitsubishi_fx5u_open(plc_device *dev)
     const ethernet_device *eth = as_ethernet(dev);
     if (eth == nullptr || dev->dev_comm_type != DEV_COMM_ETHERNET)
         return -1; // a serial record bound by maker and model has no address
-    modbus_t *ctx = modbus_new_tcp(eth->ip_addr.c_str(), static_cast<int>(eth->port));
-    if (ctx == nullptr || modbus_connect(ctx) == -1) {
+    modbus_owner ctx(modbus_new_tcp(eth->ip_addr.c_str(), static_cast<int>(eth->port)));
+    if (ctx == nullptr || modbus_connect(ctx.get()) == -1) {
         puts("connection fail");
-        modbus_free(ctx);
         return -1;
     }
     fx5u_priv *priv = fx5u_data(__func__);
-    if (priv == nullptr) {
-        modbus_close(ctx);
-        modbus_free(ctx);
+    if (priv == nullptr)
         return -1;
-    }
-    if (priv->ctx != nullptr) { // a connection left open by an earlier open
-        modbus_close(priv->ctx);
-        modbus_free(priv->ctx);
-    }
-    priv->ctx = ctx;
+    modbus_owner earlier(priv->ctx); // a connection left open by an earlier open
+    priv->ctx = ctx.release();
     priv->stale = false;
     return 0;
 }
@@ -118,11 +113,7 @@ int mitsubishi_fx5u_release(plc_device *)
     fx5u_priv *priv = fx5u_data(__func__);
     if (priv == nullptr)
         return -1;
-    if (priv->ctx != nullptr) {
-        modbus_close(priv->ctx);
-        modbus_free(priv->ctx);
-        priv->ctx = nullptr;
-    }
+    const modbus_owner closing(std::exchange(priv->ctx, nullptr));
     return 0;
 }
 

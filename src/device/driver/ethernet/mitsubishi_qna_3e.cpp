@@ -13,7 +13,7 @@
 
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "device/driver/ethernet/mc_3e_codec.h"
+#include "codec/mc_3e_codec.h"
 #include "device/plc/plc_ethernet.h"
 
 #define Q3E_LOG(fmt, ...) g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d " fmt, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)

@@ -4,10 +4,12 @@
 #include <snap7.h>
 
 #include <cstring>
+#include <utility>
 
+#include "base/handles.h"
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "device/driver/ethernet/s7_address.h"
+#include "codec/s7_address.h"
 #include "device/plc/plc_ethernet.h"
 
 namespace {
@@ -41,15 +43,14 @@ int s7_open(driver &drv, const char *func, plc_device *dev)
     const ethernet_device *eth = as_ethernet(dev);
     if (eth == nullptr || dev->dev_comm_type != DEV_COMM_ETHERNET)
         return -1; // a serial record bound by maker and model has no address
-    S7Object client = Cli_Create();
+    s7_client_owner client(Cli_Create());
     // The port field is not used: S7 PLCs listen on ISO-on-TCP port 102.
-    if (Cli_ConnectTo(client, eth->ip_addr.c_str(), static_cast<int>(eth->rack),
+    if (Cli_ConnectTo(client.get(), eth->ip_addr.c_str(), static_cast<int>(eth->rack),
                       static_cast<int>(eth->slot)) != 0) {
-        Cli_Destroy(&client);
         g_print("open error\n");
         return -1;
     }
-    priv->client = client;
+    priv->client = client.release();
     return 0;
 }
 
@@ -60,8 +61,7 @@ int s7_release(driver &drv, const char *func)
         g_print("<%s>: Failed to get drvdata\n", func);
         return -1;
     }
-    if (priv->client != 0)
-        Cli_Destroy(&priv->client); // also disconnects; clears the slot
+    const s7_client_owner closing(std::exchange(priv->client, 0)); // clears the slot
     return 0;
 }
 

@@ -9,11 +9,11 @@
 
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "device/driver/serial/qna_4c_codec.h"
+#include "codec/qna_4c_codec.h"
 #include "device/driver/serial/serial_wait.h"
 #include "device/driver/uart.h"
 #include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 #define QS_LOG(fmt, ...) g_critical("%s:%d " fmt, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 

@@ -10,11 +10,11 @@
 
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "device/driver/serial/ppi_codec.h"
+#include "codec/ppi_codec.h"
 #include "device/driver/serial/serial_wait.h"
 #include "device/driver/uart.h"
 #include "device/plc/plc_serial.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 namespace {
 

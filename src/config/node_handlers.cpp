@@ -4,10 +4,10 @@
 #include <vector>
 
 #include "database/plc_database.h"
-#include "device/driver/driver.h"
-#include "device/plc/device_handlers.h"
+#include "device/registry/driver.h"
+#include "config/device_handlers.h"
 #include "device/plc/plc_node.h"
-#include "service/log.h"
+#include "base/log.h"
 
 using namespace plc_handlers;
 

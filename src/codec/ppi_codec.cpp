@@ -1,4 +1,4 @@
-#include "device/driver/serial/ppi_codec.h"
+#include "codec/ppi_codec.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "device/driver/ethernet/mc_3e_codec.h"
+#include "codec/mc_3e_codec.h"
 
 #include <glib.h>
 
@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "device/driver/number_scan.h"
+#include "codec/number_scan.h"
 
 #define MC_LOG(fmt, ...) g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d " fmt, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 

@@ -1,4 +1,4 @@
-#include "device/driver/ethernet/fx5u_address.h"
+#include "codec/fx5u_address.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "device/driver/serial/qna_4c_codec.h"
+#include "codec/qna_4c_codec.h"
 
 #include <glib.h>
 

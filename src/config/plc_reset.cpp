@@ -1,8 +1,8 @@
-#include "device/plc/plc_reset.h"
+#include "config/plc_reset.h"
 
 #include "database/plc_database.h"
-#include "device/driver/driver.h"
-#include "device/plc/device_handlers.h"
+#include "device/registry/driver.h"
+#include "config/device_handlers.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "device/plc/plc_dispatch.h"
+#include "config/plc_dispatch.h"
 
-#include "device/plc/plc_handlers.h"
+#include "config/plc_handlers.h"
 
 void connect_device_service_handlers(GatewayDeviceService *sk)
 {

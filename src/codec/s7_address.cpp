@@ -1,4 +1,4 @@
-#include "device/driver/ethernet/s7_address.h"
+#include "codec/s7_address.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "device/plc/device_handlers.h"
+#include "config/device_handlers.h"
 #include "device/plc/plc_serial.h"
 
 namespace {

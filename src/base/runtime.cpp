@@ -1,4 +1,4 @@
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 std::mutex node_table_slist_mutex;
 std::atomic<int> List_Change_Flag{0};

@@ -1,4 +1,4 @@
-#include "device/driver/serial/fx_codec.h"
+#include "codec/fx_codec.h"
 
 #include <algorithm>
 #include <cstdio>

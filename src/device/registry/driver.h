@@ -33,11 +33,6 @@ struct driver_module {
     int (*deinit)();
 };
 
-// The compiled-in drivers in matching order, ended by a pair of nulls.
-extern const driver_module driver_modules[];
-
-void init_driver();
-void deinit_driver();
 int init_driver_modules(const driver_module *table);
 int deinit_driver_modules(const driver_module *table);
 

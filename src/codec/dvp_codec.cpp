@@ -1,11 +1,11 @@
-#include "device/driver/serial/dvp_codec.h"
+#include "codec/dvp_codec.h"
 
 #include <glib.h>
 
 #include <cstdio>
 #include <cstring>
 
-#include "device/driver/number_scan.h"
+#include "codec/number_scan.h"
 
 namespace {
 

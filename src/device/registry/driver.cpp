@@ -1,4 +1,4 @@
-#include "device/driver/driver.h"
+#include "device/registry/driver.h"
 
 #include <unordered_map>
 
@@ -11,16 +11,6 @@ GSList *device_slist = nullptr;
 GSList *device_tail = nullptr;
 std::unordered_multimap<uint32_t, plc_device *> device_index;
 } // namespace
-
-void init_driver()
-{
-    init_driver_modules(driver_modules);
-}
-
-void deinit_driver()
-{
-    deinit_driver_modules(driver_modules);
-}
 
 int init_driver_modules(const driver_module *table)
 {

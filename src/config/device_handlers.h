@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "database/plc_database.h"
-#include "device/driver/driver.h"
-#include "device/plc/plc_handlers.h"
+#include "device/registry/driver.h"
+#include "config/plc_handlers.h"
 #include "device/plc/plc_node.h"
-#include "service/runtime.h"
+#include "base/runtime.h"
 
 namespace plc_handlers {
 
