@@ -332,6 +332,21 @@ bool NodesRecorder::wait_for_count(size_t n, std::chrono::milliseconds timeout)
     return true;
 }
 
+bool NodesRecorder::wait_for_values(const std::vector<std::string> &expected,
+                                    std::chrono::milliseconds timeout)
+{
+    size_t seen = cycles_.size();
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        for (; seen < cycles_.size(); ++seen)
+            if (cycle_values(cycles_[seen]) == expected)
+                return true;
+        if (!g_main_context_iteration(nullptr, FALSE))
+            std::this_thread::sleep_for(1ms);
+    }
+    return false;
+}
+
 void pump_main_context(std::chrono::milliseconds duration)
 {
     const auto deadline = std::chrono::steady_clock::now() + duration;

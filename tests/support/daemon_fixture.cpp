@@ -67,4 +67,15 @@ StandInSystemService &DaemonTest::start_system_service(uint32_t scan_interval)
     return system_;
 }
 
+void DaemonTest::add_device(GVariant *device_args, const std::vector<NodeSpec> &nodes)
+{
+    const bool serial = g_variant_n_children(device_args) == 12;
+    const CallResult dev = call(serial ? "SerialDeviceAdd" : "EthernetDeviceAdd", device_args);
+    ASSERT_TRUE(dev.ok) << dev.error << ": " << dev.message;
+    ASSERT_EQ(dev.response, 0);
+    const CallResult added = call("nodeTableAddMulti", node_array(nodes));
+    ASSERT_TRUE(added.ok) << added.error << ": " << added.message;
+    ASSERT_EQ(added.response, 0);
+}
+
 } // namespace dstest

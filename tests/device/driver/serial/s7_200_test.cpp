@@ -5,39 +5,24 @@
 #include <cstdlib>
 #include <string>
 
-#include "serial_common/serial_driver_fixture.h"
+#include "support/serial_driver_test.h"
 #include "sim/ppi_sim.h"
 #include "sim/qna_4c_sim.h"
-
-extern driver siemens_s7_200_drv;
 
 namespace {
 
 using namespace dstest;
 using sim::PpiSim;
 
-class S7200Driver : public SerialDriverFixture {
+class S7200Driver : public SerialDriverTest<PpiSim> {
 protected:
-    S7200Driver()
-        : SerialDriverFixture(siemens_s7_200_drv, serial_device_create(3, "s7", 0, 2, 1, 0, 1, 2, 9600, 8, 1, 1))
+    S7200Driver() : SerialDriverTest(1)
     {
+        bind(serial_device_create(3, "s7", 0, 2, 1, 0, 1, 2, 9600, 8, 1, 1));
     }
+    // A read on the port opened by open_line.
+    Read read(const char *addr, uint32_t type) { return SerialDriverTest::read(addr, type, false); }
 
-    // Result, value text and what the read printed.
-    struct Read {
-        int rc;
-        std::string value;
-        std::string out;
-    };
-    Read read(const char *addr, uint32_t type)
-    {
-        char value[NODE_VALUE_SIZE] = "untouched";
-        int rc = 0;
-        const auto c = capture_output([&] { rc = drv.read(dev_.get(), addr, type, value); });
-        return {rc, value, c.out};
-    }
-
-    PpiSim plc_;
     PpiSim plc5_{5};
     sim::QnA4CSim qna_;
 };
@@ -55,7 +40,7 @@ TEST_F(S7200Driver, ReadsAreasPerType)
     plc_.set_bytes(PpiSim::AREA_SM, 28, {0x80});
     plc_.set_bytes(PpiSim::AREA_M, 2, {0xAB, 0xCD});
     plc_.set_count(PpiSim::AREA_C, 5, 300);
-    start_line(plc_);
+    open_line();
     struct Case {
         const char *addr;
         uint32_t type;
@@ -85,7 +70,7 @@ TEST_F(S7200Driver, ReadsAreasPerType)
 
 TEST_F(S7200Driver, RefusedAddressIsAReadErrorWithoutTraffic)
 {
-    start_line(plc_);
+    open_line();
     for (const char *addr : {"V10.8", "V10240", "X0", "SB1"}) {
         const Read r = read(addr, NODE_TYPE_U8);
         EXPECT_EQ(r.rc, -1) << addr;
@@ -93,13 +78,13 @@ TEST_F(S7200Driver, RefusedAddressIsAReadErrorWithoutTraffic)
         EXPECT_EQ(r.out, "read error") << addr;
     }
     EXPECT_EQ(read("I1.2", NODE_TYPE_S16).rc, -1);
-    EXPECT_EQ(line_->requests(), 0u);
+    EXPECT_EQ(line_.requests(), 0u);
 }
 
 TEST_F(S7200Driver, FaultsFailTheReadAndTheNextOneRecovers)
 {
     plc_.set_bytes(PpiSim::AREA_V, 100, {0x00, 0x2A});
-    start_line(plc_);
+    open_line();
     struct Fault {
         std::atomic<bool> &flag;
         const char *out;
@@ -139,7 +124,7 @@ TEST_F(S7200Driver, AnswerIsAlwaysFetchedFromStation2)
     // The job goes to the configured station, the fetch to station 2: a
     // PLC at another station acknowledges but is never asked for the data.
     dev_->station_num = 5;
-    start_line(plc5_);
+    open_line({&plc5_});
     const Read r = read("VW100", NODE_TYPE_U16);
     EXPECT_EQ(r.rc, -1);
     EXPECT_EQ(r.out, "timeout2\nread error");
@@ -151,11 +136,7 @@ TEST_F(S7200Driver, SharesALineWithAQnA4CCpu)
     // The QnA simulator is asked first about every 0x10 and must leave the
     // fetch frame to the S7-200.
     plc_.set_bytes(PpiSim::AREA_V, 100, {0x00, 0x2A});
-    line_ = std::make_unique<sim::SerialLine>(dir_.file("ttymxc1"));
-    line_->add_protocol(&qna_);
-    line_->add_protocol(&plc_);
-    line_->start();
-    ASSERT_EQ(drv.open(dev_.get()), 0);
+    open_line({&qna_, &plc_});
     EXPECT_EQ(read("VW100", NODE_TYPE_U16).value, "42");
     EXPECT_EQ(read("VW100", NODE_TYPE_U16).value, "42");
     EXPECT_EQ(qna_.reads(), 0u);
@@ -165,12 +146,12 @@ TEST_F(S7200Driver, OpenAndLifecycle)
 {
     auto c = capture_output([&] {
         dev_->serial_number = 0;
-        EXPECT_EQ(drv.open(dev_.get()), -1);
+        EXPECT_EQ(drv().open(dev_), -1);
         dev_->serial_number = 2; // nothing linked there
-        EXPECT_EQ(drv.open(dev_.get()), -1);
-        EXPECT_EQ(drv.write(dev_.get(), "VW100", 4, "1"), 0);
-        EXPECT_EQ(drv.update_params(dev_.get()), 0);
-        EXPECT_EQ(drv.save_config(dev_.get()), 0);
+        EXPECT_EQ(drv().open(dev_), -1);
+        EXPECT_EQ(drv().write(dev_, "VW100", 4, "1"), 0);
+        EXPECT_EQ(drv().update_params(dev_), 0);
+        EXPECT_EQ(drv().save_config(dev_), 0);
     });
     EXPECT_EQ(c.out, "serial_number err\nopen error\n<siemens_s7_200_write> called\n"
                      "<siemens_s7_200_update_params> called\n<siemens_s7_200_save_config> called\n");
@@ -178,14 +159,14 @@ TEST_F(S7200Driver, OpenAndLifecycle)
     const Read r = read("VW100", NODE_TYPE_U16);
     EXPECT_EQ(r.out, "timeout1\nread error");
 
-    drv.remove();
+    drv().remove();
     c = capture_output([&] {
-        EXPECT_EQ(drv.release(dev_.get()), -1);
+        EXPECT_EQ(drv().release(dev_), -1);
         char value[NODE_VALUE_SIZE] = "";
-        EXPECT_EQ(drv.read(dev_.get(), "VW100", 4, value), -1);
-        drv.remove();
-        EXPECT_EQ(drv.probe(), 0);
-        EXPECT_EQ(drv.probe(), 0);
+        EXPECT_EQ(drv().read(dev_, "VW100", 4, value), -1);
+        drv().remove();
+        EXPECT_EQ(drv().probe(), 0);
+        EXPECT_EQ(drv().probe(), 0);
     });
     EXPECT_EQ(c.out, "<siemens_s7_200_release>: Failed to get drvdata\n"
                      "<siemens_s7_200_read>: Failed to get drvdata\n"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "codec/qna_4c_codec.h"
-#include "serial_common/log_records.h"
+#include "support/log_records.h"
 
 namespace {
 

@@ -94,36 +94,41 @@ TEST_F(Daemon, ExportsExactlyTheDeviceServiceContract)
     g_dbus_node_info_unref(want);
 }
 
-TEST_F(Daemon, UnservedMethodsAnswerUnknownMethodAndBadArgumentsInvalidArgs)
+TEST_F(Daemon, RunningDaemonPidFileStartupCallsAndSignals)
 {
     start_daemon();
+    EXPECT_EQ(read_file(options_.pid_file), std::to_string(daemon_->pid()) + std::string(1, '\0'));
+    EXPECT_NE(daemon_->out().find("M start service, ppid/pid:["), std::string::npos);
+    ASSERT_TRUE(daemon_->wait_output("<init_driver_modules>: succeed to init driver modules\n"));
+    EXPECT_LT(daemon_->out().find("<mitsubishi_fx1n_init> called\n"),
+              daemon_->out().find("<delta_dvp32ec_init> called\n"));
+    EXPECT_NE(daemon_->out().find("Name com.fernwick.ZorvService does not exist on the session bus\n"),
+              std::string::npos);
+
+    // Methods of the contract it does not serve, and arguments of the wrong shape.
     auto r = call("nodeTableDelOne", g_variant_new("(u)", 5u));
     EXPECT_FALSE(r.ok);
     EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.UnknownMethod");
     EXPECT_EQ(r.message,
               "Method nodeTableDelOne is not implemented on interface com.fernwick.DeviceService");
-    r = call("systemCfgReset", nullptr);
-    EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.UnknownMethod");
+    EXPECT_EQ(call("systemCfgReset", nullptr).error, "org.freedesktop.DBus.Error.UnknownMethod");
     r = call("nodeTableAddOne",
              g_variant_new("(suussusubbuuiuuiss)", "d", 1u, 1u, "n", "D1", 4u, "", 0u, FALSE,
                            FALSE, 0u, 0u, 0, 0u, 0u, 0, "", ""));
     EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.UnknownMethod");
-
     r = call("SerialDeviceDel", g_variant_new("(s)", "wrong"));
     EXPECT_FALSE(r.ok);
     EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.InvalidArgs");
-    r = call("nodeTableDelMulti", g_variant_new("(u)", 3u));
-    EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(call("nodeTableDelMulti", g_variant_new("(u)", 3u)).error,
+              "org.freedesktop.DBus.Error.InvalidArgs");
+
+    // SIGTERM only logs.
+    daemon_->send_signal(SIGTERM);
+    EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s));
+    daemon_->send_signal(SIGTERM);
+    EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s, 2));
     EXPECT_TRUE(daemon_->running());
     EXPECT_FALSE(introspect(conn()).empty());
-}
-
-TEST_F(Daemon, PidFileHoldsPidAndOneNul)
-{
-    start_daemon();
-    const std::string content = read_file(options_.pid_file);
-    EXPECT_EQ(content, std::to_string(daemon_->pid()) + std::string(1, '\0'));
-    EXPECT_NE(daemon_->out().find("M start service, ppid/pid:["), std::string::npos);
 }
 
 TEST_F(Daemon, SecondInstanceExits255WithoutTouchingBusOrDatabase)
@@ -148,7 +153,7 @@ TEST_F(Daemon, SecondInstanceExits255WithoutTouchingBusOrDatabase)
     EXPECT_TRUE(bus_.name_has_owner("com.fernwick.DeviceService"));
 }
 
-TEST_F(Daemon, UnopenablePidFileExits255)
+TEST_F(Daemon, UnopenablePidFileOrLostBusExits255)
 {
     options_.pid_file = dir_.file("no/such/dir/device-service.pid");
     options_.log_name = "nopid";
@@ -156,39 +161,12 @@ TEST_F(Daemon, UnopenablePidFileExits255)
     EXPECT_EQ(d.wait_exit(10s), 255);
     EXPECT_NE(d.err().find("can't open " + options_.pid_file + ": "), std::string::npos);
     EXPECT_NE(d.err().find("the service process is started\n"), std::string::npos);
-}
 
-TEST_F(Daemon, SigtermOnlyLogs)
-{
-    start_daemon();
-    daemon_->send_signal(SIGTERM);
-    EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s));
-    daemon_->send_signal(SIGTERM);
-    EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s, 2));
-    EXPECT_TRUE(daemon_->running());
-    EXPECT_FALSE(introspect(conn()).empty());
-}
-
-TEST_F(Daemon, StartupPrintsDriverInitInTableOrder)
-{
-    start_daemon();
-    ASSERT_TRUE(daemon_->wait_output("<init_driver_modules>: succeed to init driver modules\n"));
-    const std::string out = daemon_->out();
-    const size_t fx1n = out.find("<mitsubishi_fx1n_init> called\n");
-    const size_t dvp = out.find("<delta_dvp32ec_init> called\n");
-    const size_t done = out.find("<init_driver_modules>: succeed to init driver modules\n");
-    EXPECT_LT(fx1n, dvp);
-    EXPECT_LT(dvp, done);
-    EXPECT_NE(out.find("Name com.fernwick.ZorvService does not exist on the session bus\n"),
-              std::string::npos);
-}
-
-TEST_F(Daemon, LosingTheBusEndsTheProcessWith255)
-{
+    options_.pid_file = dir_.file("device-service.pid");
     options_.bus_address = "unix:path=" + dir_.file("no-bus-here");
     options_.log_name = "nobus";
-    DaemonProcess d(options_);
-    EXPECT_EQ(d.wait_exit(15s), 255);
-    EXPECT_NE(d.out().find("Lost the name com.fernwick.DeviceService on the session bus,exit -1\n"),
+    DaemonProcess lost(options_);
+    EXPECT_EQ(lost.wait_exit(15s), 255);
+    EXPECT_NE(lost.out().find("Lost the name com.fernwick.DeviceService on the session bus,exit -1\n"),
               std::string::npos);
 }

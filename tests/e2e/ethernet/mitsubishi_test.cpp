@@ -8,7 +8,6 @@
 
 #include "sim/mc_3e_sim.h"
 #include "sim/modbus_tcp_sim.h"
-#include "support/config_calls.h"
 #include "support/daemon_fixture.h"
 
 using namespace dstest;
@@ -36,42 +35,20 @@ protected:
 
         start_system_service(1);
         start_daemon();
-        add("EthernetDeviceAdd", ethernet_args(FX5U, 1, 103, "press", "127.0.0.1", fx5u_.port()));
-        add("EthernetDeviceAdd", ethernet_args(Q3E, 1, 104, "oven", "127.0.0.1", q_.port()));
-        add("nodeTableAddMulti", node_array({{FX5U, 1101, "D100", 4, "strokes"},
-                                              {FX5U, 1102, "D10", 6, "count"},
-                                              {FX5U, 1103, "M8", 1, "running"},
-                                              {FX5U, 1104, "x1", 1, "guard"},
-                                              {FX5U, 1105, "D30", 10, "speed"},
-                                              {FX5U, 1106, "D10", 1, "wrong"},
-                                              {Q3E, 1201, "D100", 5, "trays"},
-                                              {Q3E, 1202, "M20", 1, "heating"},
-                                              {Q3E, 1203, "D100", 4, "u16"}}));
+        add_device(ethernet_args(FX5U, 1, 103, "press", "127.0.0.1", fx5u_.port()),
+                   {{FX5U, 1101, "D100", 4, "strokes"},
+                    {FX5U, 1102, "D10", 6, "count"},
+                    {FX5U, 1103, "M8", 1, "running"},
+                    {FX5U, 1104, "x1", 1, "guard"},
+                    {FX5U, 1105, "D30", 10, "speed"},
+                    {FX5U, 1106, "D10", 1, "wrong"}});
+        add_device(ethernet_args(Q3E, 1, 104, "oven", "127.0.0.1", q_.port()),
+                   {{Q3E, 1201, "D100", 5, "trays"},
+                    {Q3E, 1202, "M20", 1, "heating"},
+                    {Q3E, 1203, "D100", 4, "u16"}});
     }
 
-    void add(const char *method, GVariant *args)
-    {
-        const CallResult r = call(method, args);
-        ASSERT_TRUE(r.ok) << r.error << ": " << r.message;
-        ASSERT_EQ(r.response, 0) << method;
-    }
-
-    // Waits for a cycle, emitted from now on, whose values are exactly
-    // `expected` (in order).
-    bool wait_for_values(const std::vector<std::string> &expected, std::chrono::milliseconds timeout = 20s)
-    {
-        size_t seen = rec_.count();
-        return wait_until(
-            [&] {
-                pump_main_context(50ms);
-                for (; seen < rec_.count(); ++seen) {
-                    if (cycle_values(rec_.cycle(seen)) == expected)
-                        return true;
-                }
-                return false;
-            },
-            timeout, 1ms);
-    }
+    bool wait_for_values(const std::vector<std::string> &expected) { return rec_.wait_for_values(expected); }
 
     std::vector<std::string> fx5u_values(const std::string &strokes) const
     {

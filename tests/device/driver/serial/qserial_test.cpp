@@ -6,11 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "serial_common/log_records.h"
-#include "serial_common/serial_driver_fixture.h"
+#include "support/log_records.h"
+#include "support/serial_driver_test.h"
 #include "sim/qna_4c_sim.h"
-
-extern driver mitusbishi_Qserial_drv;
 
 namespace {
 
@@ -37,23 +35,20 @@ private:
     std::vector<uint8_t> reply_;
 };
 
-class QSerialDriver : public SerialDriverFixture {
+class QSerialDriver : public SerialDriverTest<sim::QnA4CSim> {
 protected:
-    QSerialDriver()
-        : SerialDriverFixture(mitusbishi_Qserial_drv,
-                              serial_device_create(7, "q", 0, 1, 105, 0, 1, 0, 9600, 8, 1, 1))
+    QSerialDriver() : SerialDriverTest(1)
     {
+        bind(serial_device_create(7, "q", 0, 1, 105, 0, 1, 0, 9600, 8, 1, 1));
     }
 
-    // Result and value text of one read.
+    // Result and value text of one read on the port opened by open_line.
     std::pair<int, std::string> read(const char *addr, uint32_t type)
     {
-        char value[NODE_VALUE_SIZE] = "untouched";
-        const int rc = drv.read(dev_.get(), addr, type, value);
-        return {rc, value};
+        const Read r = SerialDriverTest::read(addr, type, false);
+        return {r.rc, r.value};
     }
 
-    sim::QnA4CSim plc_;
     CannedSim canned_;
     LogRecords logs_;
 };
@@ -68,7 +63,7 @@ TEST_F(QSerialDriver, ReadsWordsUnsignedAndBits)
     ASSERT_TRUE(plc_.set_word("D16", 1234)); // a request with a doubled DLE
     ASSERT_TRUE(plc_.set_bit("M20", true));  // an ON bit comes back as a doubled DLE
     ASSERT_TRUE(plc_.set_word("D101", 0x1010));
-    start_line(plc_);
+    open_line();
     EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("65535")));
     EXPECT_EQ(read("d16", NODE_TYPE_S16), std::make_pair(0, std::string("1234")));
     EXPECT_EQ(read("M20", NODE_TYPE_BIT), std::make_pair(0, std::string("1")));
@@ -79,7 +74,7 @@ TEST_F(QSerialDriver, ReadsWordsUnsignedAndBits)
 
 TEST_F(QSerialDriver, RefusesOtherTypesAndAddressesWithoutSending)
 {
-    start_line(plc_);
+    open_line();
     EXPECT_EQ(read("D100", NODE_TYPE_U16), failed);
     EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_read:"));
     EXPECT_TRUE(logs_.contains(" dt = 4\n"));
@@ -87,12 +82,12 @@ TEST_F(QSerialDriver, RefusesOtherTypesAndAddressesWithoutSending)
     EXPECT_EQ(read("M20", NODE_TYPE_S16), failed); // bit device read as words
     EXPECT_EQ(read("XA5", NODE_TYPE_BIT), failed);
     EXPECT_EQ(read("DX", NODE_TYPE_BIT), failed);
-    EXPECT_EQ(line_->requests(), 0u);
+    EXPECT_EQ(line_.requests(), 0u);
 }
 
 TEST_F(QSerialDriver, EndCodeMakesTheReadFail)
 {
-    start_line(plc_);
+    open_line();
     plc_.faults.nak = true;
     EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
     EXPECT_TRUE(logs_.contains(" respond_code = c051H\n"));
@@ -107,7 +102,7 @@ TEST_F(QSerialDriver, EndCodeMakesTheReadFail)
 TEST_F(QSerialDriver, LineFaultsFailTheReadAndTheNextOneRecovers)
 {
     plc_.set_word("D100", 42);
-    start_line(plc_);
+    open_line();
     struct Fault {
         std::atomic<bool> &flag;
         const char *log;
@@ -133,7 +128,7 @@ TEST_F(QSerialDriver, LineFaultsFailTheReadAndTheNextOneRecovers)
 
 TEST_F(QSerialDriver, AnswersThatNeverCompleteTimeOut)
 {
-    start_line(canned_);
+    open_line({&canned_});
     // Not led by DLE: nothing is thrown away, so the answer is never found.
     canned_.reply({0x02, 0x0E, 0x00, 0xF8, 0x00});
     EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
@@ -167,49 +162,49 @@ TEST_F(QSerialDriver, AnswersThatNeverCompleteTimeOut)
 
 TEST_F(QSerialDriver, OpenChecksSettingsBeforeTouchingThePort)
 {
-    drv.release(dev_.get());
+    drv().release(dev_);
     dev_->parity_bit = 3;
-    EXPECT_EQ(drv.open(dev_.get()), -1);
+    EXPECT_EQ(drv().open(dev_), -1);
     EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_open:"));
     EXPECT_TRUE(logs_.contains(" sDev->parity_bit = 3\n"));
     EXPECT_FALSE(logs_.contains(" open "));
     dev_->parity_bit = 2;
     dev_->serial_number = 3;
-    EXPECT_EQ(drv.open(dev_.get()), -1);
+    EXPECT_EQ(drv().open(dev_), -1);
     EXPECT_TRUE(logs_.contains(" serial_number = 3\n"));
     // Port 2 has no line behind it here.
     dev_->serial_number = 2;
-    EXPECT_EQ(drv.open(dev_.get()), -1);
-    EXPECT_TRUE(logs_.contains(" open " + dir_.file("ttymxc2") + " : No such file or directory\n"))
+    EXPECT_EQ(drv().open(dev_), -1);
+    EXPECT_TRUE(logs_.contains(" open " + dir_.file("absent") + " : No such file or directory\n"))
         << logs_.text();
     // An Ethernet record bound by maker and model has no line settings.
     dev_->dev_comm_type = DEV_COMM_ETHERNET;
-    EXPECT_EQ(drv.open(dev_.get()), -1);
+    EXPECT_EQ(drv().open(dev_), -1);
 }
 
 TEST_F(QSerialDriver, LifecycleAndLogOnlyOperations)
 {
     auto c = capture_output([&] {
-        EXPECT_EQ(drv.write(dev_.get(), "D100", 5, "1"), 0);
-        EXPECT_EQ(drv.update_params(dev_.get()), 0);
-        EXPECT_EQ(drv.save_config(dev_.get()), 0);
-        EXPECT_EQ(drv.probe(), 0); // already there: kept
+        EXPECT_EQ(drv().write(dev_, "D100", 5, "1"), 0);
+        EXPECT_EQ(drv().update_params(dev_), 0);
+        EXPECT_EQ(drv().save_config(dev_), 0);
+        EXPECT_EQ(drv().probe(), 0); // already there: kept
     });
     EXPECT_EQ(c.out, "mitusbishi_Qserial_write called\nmitusbishi_Qserial_update_params called\n"
                      "mitusbishi_Qserial_save_config called\nmitusbishi_Qserial_probe called\n");
     EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_drv.drv.priv != NULL\n"));
 
-    drv.remove();
-    EXPECT_EQ(drv.priv, nullptr);
+    drv().remove();
+    EXPECT_EQ(drv().priv, nullptr);
     char value[NODE_VALUE_SIZE] = "untouched";
-    EXPECT_EQ(drv.open(dev_.get()), -1);
-    EXPECT_EQ(drv.read(dev_.get(), "D100", 5, value), -1);
-    EXPECT_EQ(drv.release(dev_.get()), -1);
+    EXPECT_EQ(drv().open(dev_), -1);
+    EXPECT_EQ(drv().read(dev_, "D100", 5, value), -1);
+    EXPECT_EQ(drv().release(dev_), -1);
     EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_release:"));
     EXPECT_TRUE(logs_.contains(" drvdata = NULL\n"));
-    drv.remove();
+    drv().remove();
     EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_drv.drv.priv = NULL\n"));
     // A fresh cell starts without a port.
-    ASSERT_EQ(drv.probe(), 0);
-    EXPECT_EQ(drv.release(dev_.get()), 0);
+    ASSERT_EQ(drv().probe(), 0);
+    EXPECT_EQ(drv().release(dev_), 0);
 }
