@@ -45,18 +45,7 @@ TEST(Log, LevelsAreRoutedByExactFlags)
     EXPECT_EQ(c.err.find("msg"), std::string::npos) << "message level stays off stderr";
 }
 
-TEST(Log, LevelLetters)
-{
-    EXPECT_EQ(convert_logLevel_to_char(8), 'C');
-    EXPECT_EQ(convert_logLevel_to_char(16), 'W');
-    EXPECT_EQ(convert_logLevel_to_char(32), 'M');
-    EXPECT_EQ(convert_logLevel_to_char(64), 'I');
-    EXPECT_EQ(convert_logLevel_to_char(128), 'D');
-    EXPECT_EQ(convert_logLevel_to_char(6), 'E');
-    EXPECT_EQ(convert_logLevel_to_char(16 | 1), 'E');
-}
-
-TEST(Log, PrintBufBreaksEveryTenBytes)
+TEST(Log, PrintBufBreaksEveryTenBytesPayloadEndsWithOneNewline)
 {
     const uint8_t bytes[11] = {0x02, 0x30, 0x31, 0x30, 0x43, 0x38, 0x30, 0x34, 0x03, 0xab, 0x0f};
     EXPECT_EQ(capture_output([&] { print_buf(bytes, 10); }).out,
@@ -65,17 +54,21 @@ TEST(Log, PrintBufBreaksEveryTenBytes)
               "02H 30H 31H 30H 43H 38H 30H 34H 03H ABH \n0FH \n");
     EXPECT_EQ(capture_output([&] { print_buf(bytes, 0); }).out, "");
     EXPECT_EQ(capture_output([&] { print_buf(bytes, 3); }).out, "02H 30H 31H \n");
-}
-
-TEST(Log, PrintPayloadEndsWithOneNewline)
-{
+    // print_payload ends with one newline.
     const uint8_t text[] = {'A', 'B', 'C'};
     EXPECT_EQ(capture_output([&] { print_payload(text, 3); }).out, "ABC\n");
     EXPECT_EQ(capture_output([&] { print_payload(text, 0); }).out, "\n");
 }
 
-TEST(Log, MillisecondsAreNotZeroPadded)
+TEST(Log, LevelLettersAndMillisecondsUnpadded)
 {
+    EXPECT_EQ(convert_logLevel_to_char(8), 'C');
+    EXPECT_EQ(convert_logLevel_to_char(16), 'W');
+    EXPECT_EQ(convert_logLevel_to_char(32), 'M');
+    EXPECT_EQ(convert_logLevel_to_char(64), 'I');
+    EXPECT_EQ(convert_logLevel_to_char(128), 'D');
+    EXPECT_EQ(convert_logLevel_to_char(6), 'E');
+    EXPECT_EQ(convert_logLevel_to_char(16 | 1), 'E');
     char buf[64] = "11/22/26 15:46:03";
     append_msec(buf, sizeof buf, 5);
     EXPECT_STREQ(buf, "11/22/26 15:46:03.5");

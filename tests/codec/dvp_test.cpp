@@ -44,7 +44,7 @@ Decoded decode(const std::string &answer)
 
 } // namespace
 
-TEST(DvpCodec, D100RequestAtStation10IsByteExact)
+TEST(DvpCodec, D100RequestAtStation10AndLrcAreByteExact)
 {
     char addr[] = "d100";
     char code[3];
@@ -53,10 +53,6 @@ TEST(DvpCodec, D100RequestAtStation10IsByteExact)
     // 0a + 03 + 10 + 64 + 00 + 01 = 0x82: the LRC is 0x7E.
     EXPECT_EQ(dvp_request(10, code, map_of(addr).c_str()), ":0a03106400017E\r\n");
     EXPECT_EQ(dvp_request(1, "02", map_of("X17").c_str()), ":0102040F0001E9\r\n");
-}
-
-TEST(DvpCodec, Lrc)
-{
     EXPECT_EQ(get_LRC("0103021234"), 0xB4);
     EXPECT_EQ(get_LRC("FF01"), 0x00) << "the sum wraps at 8 bits";
     EXPECT_EQ(get_LRC(""), 0x00);

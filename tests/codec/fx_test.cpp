@@ -51,7 +51,7 @@ TEST(FxCodec, D100WordReadIsByteExact)
     EXPECT_EQ(request("D100").frame, std::string("\x02" "010C804" "\x03" "73", 11));
 }
 
-TEST(FxCodec, AddressesOfEveryArea)
+TEST(FxCodec, AddressesOfEveryAreaAndRefused)
 {
     struct Case {
         const char *addr;
@@ -78,10 +78,7 @@ TEST(FxCodec, AddressesOfEveryArea)
         snprintf(s, sizeof s, "%02X", sum & 0xFF);
         EXPECT_EQ(r.frame.substr(9), s) << c.addr;
     }
-}
-
-TEST(FxCodec, AddressesRefused)
-{
+    // Addresses refused.
     // -2: a number outside its area (X/Y last digit 8 or 9, byte 37 and up).
     for (const char *bad : {"X18", "X19", "X370", "Y18", "M8512", "S4096", "T512", "C512", "D8512",
                             "D4294967396", "D99999999999999"})

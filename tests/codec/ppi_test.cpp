@@ -54,7 +54,7 @@ std::string decode(const bytes &a, int item, uint32_t type, int *rc = nullptr)
 
 } // namespace
 
-TEST(PpiRequest, VW100AsU16AtStation2ByteExact)
+TEST(PpiRequest, VW100AtStation2AndShortFramesByteExact)
 {
     const Built b = build("VW100", 4);
     ASSERT_EQ(b.rc, 0);
@@ -72,6 +72,9 @@ TEST(PpiRequest, VW100AsU16AtStation2ByteExact)
     const Built s5 = build("VW100", 4, 5);
     EXPECT_EQ(s5.frame[4], 5);
     EXPECT_EQ(s5.frame[31], 0x90);
+    // The two fixed short frames.
+    EXPECT_EQ(bytes(PPI_confirm, PPI_confirm + 6), (bytes{0x10, 0x02, 0x00, 0x5C, 0x5E, 0x16}));
+    EXPECT_EQ(bytes(PPI_hello, PPI_hello + 6), (bytes{0x10, 0x02, 0x00, 0x49, 0x4B, 0x16}));
 }
 
 TEST(PpiRequest, AreaTransportAndBitAddress)
@@ -150,12 +153,6 @@ TEST(PpiRequest, RefusedAddresses)
     const Built longer = build("VW000000000001000", 4);
     ASSERT_EQ(longer.rc, 0);
     EXPECT_EQ(bit_address(longer.frame), 80u);
-}
-
-TEST(PpiRequest, FixedShortFrames)
-{
-    EXPECT_EQ(bytes(PPI_confirm, PPI_confirm + 6), (bytes{0x10, 0x02, 0x00, 0x5C, 0x5E, 0x16}));
-    EXPECT_EQ(bytes(PPI_hello, PPI_hello + 6), (bytes{0x10, 0x02, 0x00, 0x49, 0x4B, 0x16}));
 }
 
 TEST(PpiDecode, ValuesPerType)

@@ -1,5 +1,7 @@
 #include "support/daemon_fixture.h"
 
+#include "support/sqlite_rows.h"
+
 namespace dstest {
 
 DaemonTest::DaemonTest() : system_(bus_.address())
@@ -76,6 +78,18 @@ void DaemonTest::add_device(GVariant *device_args, const std::vector<NodeSpec> &
     const CallResult added = call("nodeTableAddMulti", node_array(nodes));
     ASSERT_TRUE(added.ok) << added.error << ": " << added.message;
     ASSERT_EQ(added.response, 0);
+}
+
+int DaemonTest::code(const char *method, GVariant *params)
+{
+    const CallResult r = call(method, params);
+    EXPECT_TRUE(r.ok) << method << ": " << r.error << " " << r.message;
+    return r.response;
+}
+
+std::vector<std::string> DaemonTest::rows(const std::string &query) const
+{
+    return sqlite_rows(db_path(), query);
 }
 
 } // namespace dstest

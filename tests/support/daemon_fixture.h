@@ -30,6 +30,10 @@ protected:
 
     GDBusConnection *conn() { return bus_.connection(); }
     CallResult call(const char *method, GVariant *params) { return call_device(conn(), method, params); }
+    // The method's result code; the call itself must succeed.
+    int code(const char *method, GVariant *params);
+    // Rows of the daemon's my.db, as sqlite_rows gives them.
+    std::vector<std::string> rows(const std::string &query) const;
     // Adds a device (SerialDeviceAdd or EthernetDeviceAdd by its arguments)
     // and its nodes; both must answer 0.
     void add_device(GVariant *device_args, const std::vector<NodeSpec> &nodes);

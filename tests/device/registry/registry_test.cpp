@@ -69,6 +69,17 @@ TEST(Records, ShowFormats)
               "3\n\t ip_addr: 10.0.0.9\n\t port: 102\n\t rack: 0\n\t slot: 1\n");
     EXPECT_EQ(capture_output([] { serial_device_show(nullptr); }).out, "");
     ethernet_device_free(e);
+    char text[16];
+    convert_dev_type(105, text, sizeof text);
+    EXPECT_STREQ(text, "Unknown");
+    convert_dev_type(2, text, sizeof text);
+    EXPECT_STREQ(text, "S7-200 Smart");
+    convert_dev_mfg(3, text, sizeof text);
+    EXPECT_STREQ(text, "Delta");
+    convert_node_data_type(15, text, sizeof text);
+    EXPECT_STREQ(text, "String");
+    convert_node_data_type(0, text, sizeof text);
+    EXPECT_STREQ(text, "Unknown");
 }
 
 TEST(NodeTable, DuplicateIdIsRefusedAndOrderKept)
@@ -206,17 +217,3 @@ TEST(Registry, DeviceListRegistersAndUnregisters)
     device_free(c3);
 }
 
-TEST(Records, DisplayTexts)
-{
-    char text[16];
-    convert_dev_type(105, text, sizeof text);
-    EXPECT_STREQ(text, "Unknown");
-    convert_dev_type(2, text, sizeof text);
-    EXPECT_STREQ(text, "S7-200 Smart");
-    convert_dev_mfg(3, text, sizeof text);
-    EXPECT_STREQ(text, "Delta");
-    convert_node_data_type(15, text, sizeof text);
-    EXPECT_STREQ(text, "String");
-    convert_node_data_type(0, text, sizeof text);
-    EXPECT_STREQ(text, "Unknown");
-}

@@ -97,38 +97,6 @@ TEST_F(SerialE2E, DvpPublishesAndRecoversAfterSilence)
     EXPECT_TRUE(rec_.wait_for_values({"5/level=78", "5/door=1", "5/count=50000"})) << daemon_->out();
 }
 
-TEST_F(SerialE2E, QSeriesNodesArePublishedAndRecoverAfterSilence)
-{
-    sim::QnA4CSim plc;
-    plc.set_word("D100", 1234);
-    plc.set_bit("M20", true);
-    line(1, {&plc});
-    add_device(serial_args(21, 1, 105, "q", 0, 1, 9600, 8, 1, 1),
-               {{21, 2101, "D100", 5, "level"}, {21, 2102, "M20", 1, "pump"}, {21, 2103, "D101", 4, "u16"}});
-
-    // U16 is not a Q serial type: that node never appears.
-    ASSERT_TRUE(rec_.wait_for_values({"21/level=1234", "21/pump=1"})) << daemon_->out();
-    silence(plc, " respond timeout \n", "D100");
-    plc.set_word("D100", 4321);
-    EXPECT_TRUE(rec_.wait_for_values({"21/level=4321", "21/pump=1"})) << daemon_->out();
-}
-
-TEST_F(SerialE2E, S7200NodesArePublishedAndRecoverAfterSilence)
-{
-    sim::PpiSim plc(2);
-    plc.set_bytes(sim::PpiSim::AREA_V, 100, {0x01, 0x02});
-    plc.set_bytes(sim::PpiSim::AREA_I, 0, {0x05});
-    line(2, {&plc});
-    add_device(serial_args(31, 2, 1, "s7", 2, 2, 9600, 8, 1, 0),
-               {{31, 3101, "VW100", 4, "flow"}, {31, 3102, "I0.0", 1, "door"}, {31, 3103, "VW100", 8, "bcd"}});
-
-    // BCD16 is no V access: the node is left out with "read error".
-    ASSERT_TRUE(rec_.wait_for_values({"31/flow=258", "31/door=1"})) << daemon_->out();
-    silence(plc, "timeout1\n", "VW100");
-    plc.set_bytes(sim::PpiSim::AREA_V, 100, {0x00, 0x07});
-    EXPECT_TRUE(rec_.wait_for_values({"31/flow=7", "31/door=1"})) << daemon_->out();
-}
-
 TEST_F(SerialE2E, EverySerialProtocolSharesOneLine)
 {
     // As the plant wires them: PPI first (it takes a 0x10 only while it

@@ -1,51 +1,18 @@
 // The FX5U driver against a Modbus TCP server built on libmodbus's own server side.
 #include <gtest/gtest.h>
 
-#include "device/driver/driver_modules.h"
-#include "device/plc/plc_ethernet.h"
 #include "sim/modbus_tcp_sim.h"
-#include "support/test_util.h"
+#include "support/ethernet_driver_test.h"
 
 using namespace dstest;
 
-class Fx5uDriver : public ::testing::Test {
+class Fx5uDriver : public EthernetDriverTest<sim::ModbusTcpSim> {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(plc_.start());
-        capture_output([] { init_driver(); });
-        dev_ = ethernet_device_create(1, "fx5u", 1, 1, 103, "127.0.0.1", plc_.port(), 0, 0);
-        plc_device probe;
-        probe.dev_mfg = 1;
-        probe.dev_type = 103;
-        dev_->driver = device_driver_match(&probe);
-    }
-    void TearDown() override { ethernet_device_free(dev_); }
-    std::pair<int, std::string> read_open(const char *addr, uint32_t type)
-    {
-        char v[NODE_VALUE_SIZE] = {};
-        int r = -100;
-        capture_output([&] { r = dev_->driver->read(dev_, addr, type, v); });
-        return {r, v};
-    }
-    // One open/read/release bracket, as the reading loop makes them.
-    std::pair<int, std::string> read(const char *addr, uint32_t type)
-    {
-        int opened = -100;
-        capture_output([&] { opened = dev_->driver->open(dev_); });
-        if (opened != 0)
-            return {-100, "open failed"};
-        const auto r = read_open(addr, type);
-        capture_output([&] { dev_->driver->release(dev_); });
-        return r;
-    }
-    sim::ModbusTcpSim plc_;
-    ethernet_device *dev_ = nullptr;
+    Fx5uDriver() : EthernetDriverTest(1, 103) {}
 };
 
 TEST_F(Fx5uDriver, ReadsEveryObjectAndRefusesWhatItShould)
 {
-    using R = std::pair<int, std::string>;
     plc_.set_coil(8, true);
     plc_.set_coil(8192, true);
     plc_.set_coil(20880, true);
@@ -82,20 +49,20 @@ TEST_F(Fx5uDriver, PlcThatStopsAnsweringCostsItsNodesUntilTheNextBracket)
 {
     plc_.set_register(10, 5);
     plc_.faults.silent = true;
-    EXPECT_EQ(read("D10", 4), std::make_pair(-1, std::string("read error")));
+    EXPECT_EQ(read("D10", 4), R(-1, "read error"));
     plc_.faults.silent = false;
-    EXPECT_EQ(read("D10", 4), std::make_pair(0, std::string("5")));
+    EXPECT_EQ(read("D10", 4), R(0, "5"));
 
     int opened = -1;
     capture_output([&] { opened = dev_->driver->open(dev_); });
     ASSERT_EQ(opened, 0);
     plc_.faults.close_conn = true;
-    EXPECT_EQ(read_open("D10", 4), std::make_pair(-1, std::string("read error")));
+    EXPECT_EQ(read_open("D10", 4), R(-1, "read error"));
     plc_.faults.close_conn = false;
-    EXPECT_EQ(read_open("M0", 1), std::make_pair(-1, std::string("read error")))
+    EXPECT_EQ(read_open("M0", 1), R(-1, "read error"))
         << "the connection the PLC closed is not reopened within the bracket";
     capture_output([&] { dev_->driver->release(dev_); });
-    EXPECT_EQ(read("D10", 4), std::make_pair(0, std::string("5")));
+    EXPECT_EQ(read("D10", 4), R(0, "5"));
 }
 
 TEST_F(Fx5uDriver, StoppedServerFailsTheOpenAndTheNextOneReconnects)
@@ -106,5 +73,5 @@ TEST_F(Fx5uDriver, StoppedServerFailsTheOpenAndTheNextOneReconnects)
     EXPECT_EQ(log.out, "connection fail\n");
     ASSERT_TRUE(plc_.start(port));
     plc_.set_register(10, 5);
-    EXPECT_EQ(read("D10", 4), std::make_pair(0, std::string("5")));
+    EXPECT_EQ(read("D10", 4), R(0, "5"));
 }

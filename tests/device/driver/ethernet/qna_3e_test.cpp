@@ -4,70 +4,22 @@
 
 #include <string>
 
-#include "device/driver/driver_modules.h"
-#include "device/plc/plc_ethernet.h"
 #include "device/plc/plc_serial.h"
 #include "sim/mc_3e_sim.h"
-#include "support/test_util.h"
+#include "support/ethernet_driver_test.h"
 
 using namespace dstest;
 
-namespace {
-
-using R = std::pair<int, std::string>;
-
-class QnA3EDriver : public ::testing::Test {
+class QnA3EDriver : public EthernetDriverTest<sim::Mc3eSim> {
 protected:
+    QnA3EDriver() : EthernetDriverTest(1, 104) {}
     void SetUp() override
     {
-        ASSERT_TRUE(plc_.start());
-        capture_output([] { init_driver(); });
-        dev_ = ethernet_device_create(7, "q", 1, 1, 104, "127.0.0.1", plc_.port(), 0, 0);
-        plc_device probe;
-        probe.dev_mfg = 1;
-        probe.dev_type = 104;
-        dev_->driver = device_driver_match(&probe);
-        ASSERT_NE(dev_->driver, nullptr);
+        EthernetDriverTest::SetUp();
         plc_.set(0xA8, 100, 12345);
         plc_.set(0x90, 20, 1);
     }
-    void TearDown() override
-    {
-        capture_output([&] { dev_->driver->release(dev_); });
-        ethernet_device_free(dev_);
-        capture_output([] { deinit_driver(); });
-    }
-    int open(Captured *log = nullptr)
-    {
-        int r = -100;
-        const Captured c = capture_output([&] { r = dev_->driver->open(dev_); });
-        if (log != nullptr)
-            *log = c;
-        return r;
-    }
-    R read_open(const char *addr, uint32_t type, Captured *log = nullptr)
-    {
-        char v[NODE_VALUE_SIZE] = {};
-        int r = -100;
-        const Captured c = capture_output([&] { r = dev_->driver->read(dev_, addr, type, v); });
-        if (log != nullptr)
-            *log = c;
-        return {r, v};
-    }
-    // One open/read/release bracket, as the reading loop makes them.
-    R read(const char *addr, uint32_t type, Captured *log = nullptr)
-    {
-        if (open() != 0)
-            return {-100, "open failed"};
-        const R r = read_open(addr, type, log);
-        capture_output([&] { dev_->driver->release(dev_); });
-        return r;
-    }
-    sim::Mc3eSim plc_;
-    ethernet_device *dev_ = nullptr;
 };
-
-} // namespace
 
 TEST_F(QnA3EDriver, ReadsWordsAndBits)
 {
@@ -121,10 +73,7 @@ TEST_F(QnA3EDriver, EachFaultCostsOnlyThatNode)
         *f.fault = false;
         EXPECT_EQ(read("D100", 5), R(0, "12345")) << "after " << f.log;
     }
-}
-
-TEST_F(QnA3EDriver, AnswerInTwoSegmentsIsGathered)
-{
+    // An answer in two segments is gathered.
     plc_.faults.split = true;
     EXPECT_EQ(read("D100", 5), R(0, "12345"));
     EXPECT_EQ(read("M20", 1), R(0, "1"));

@@ -158,10 +158,7 @@ TEST_F(DvpDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
         EXPECT_EQ(good.rc, 0) << f.line << good.out;
         EXPECT_EQ(good.value, "4660") << f.line;
     }
-}
-
-TEST_F(DvpDriver, AnswerInPiecesIsJoined)
-{
+    // An answer in pieces is joined.
     plc_.set_device("D100", 0xABCD);
     plc_.faults.split = true;
     const Read r = read("D100", 4);
