@@ -6,9 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "support/config_calls.h"
 #include "support/daemon_fixture.h"
-#include "support/sqlite_rows.h"
 #include "support/test_driver.h"
 
 using namespace dstest;
@@ -19,13 +17,6 @@ using rows_t = std::vector<std::string>;
 
 class Config : public DaemonTest {
 protected:
-    rows_t rows(const std::string &q) { return sqlite_rows(db_path(), q); }
-    int code(const char *method, GVariant *params)
-    {
-        auto r = call(method, params);
-        EXPECT_TRUE(r.ok) << method << ": " << r.error << " " << r.message;
-        return r.response;
-    }
     // A device with this id is in memory exactly when adding it again says 1.
     bool in_memory(uint32_t dev_id)
     {

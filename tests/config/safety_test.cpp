@@ -6,9 +6,7 @@
 #include <csignal>
 #include <thread>
 
-#include "support/config_calls.h"
 #include "support/daemon_fixture.h"
-#include "support/sqlite_rows.h"
 #include "support/test_driver.h"
 
 using namespace dstest;
@@ -21,13 +19,6 @@ const std::string evil = "x'); delete from NodeTable; delete from SerialDevTable
 
 class Safety : public DaemonTest {
 protected:
-    rows_t rows(const std::string &q) { return sqlite_rows(db_path(), q); }
-    int code(const char *method, GVariant *params)
-    {
-        auto r = call(method, params);
-        EXPECT_TRUE(r.ok) << method << ": " << r.error << " " << r.message;
-        return r.response;
-    }
     rows_t counts()
     {
         return {rows("select count(*) from SerialDevTable").at(0),

@@ -24,6 +24,16 @@ GVariant *sample_cycle(const char *name)
     return g_variant_ref_sink(g_variant_builder_end(&cycle));
 }
 
+// The sample cycle as decode_cycle reads it.
+std::vector<ctl::DeviceValues> decoded(const char *name)
+{
+    GVariant *cycle = sample_cycle(name);
+    std::vector<ctl::DeviceValues> devs;
+    EXPECT_TRUE(ctl::decode_cycle(cycle, devs));
+    g_variant_unref(cycle);
+    return devs;
+}
+
 struct Clock {
     GDateTime *t = g_date_time_new_local(2026, 3, 4, 5, 6, 7);
     ~Clock() { g_date_time_unref(t); }
@@ -56,10 +66,8 @@ TEST(CtlMonitor, DecodesTheSignalAndRefusesOtherShapes)
 
 TEST(CtlMonitor, JsonLineReadsBackUnchanged)
 {
-    GVariant *cycle = sample_cycle("Kessel \\ \"Süd\"\t");
-    std::vector<ctl::DeviceValues> devs;
-    ASSERT_TRUE(ctl::decode_cycle(cycle, devs));
-    g_variant_unref(cycle);
+    std::vector<ctl::DeviceValues> devs = decoded("Kessel \\ \"Süd\"\t");
+    ASSERT_EQ(devs.size(), 2u);
     Clock clock;
     const std::string line = ctl::cycle_json(devs, 3, clock.t);
     EXPECT_EQ(line.find('\n'), std::string::npos) << "one cycle, one line";
@@ -89,10 +97,8 @@ TEST(CtlMonitor, JsonLineReadsBackUnchanged)
 
 TEST(CtlMonitor, TableShowsEveryDeviceInAlignedColumns)
 {
-    GVariant *cycle = sample_cycle("Bräter");
-    std::vector<ctl::DeviceValues> devs;
-    ASSERT_TRUE(ctl::decode_cycle(cycle, devs));
-    g_variant_unref(cycle);
+    std::vector<ctl::DeviceValues> devs = decoded("Bräter");
+    ASSERT_EQ(devs.size(), 2u);
     devs[0].nodes[0].node_name = "level"; // one line per node
     Clock clock;
     const std::string table = ctl::cycle_table(devs, 2, clock.t);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -332,6 +333,21 @@ bool NodesRecorder::wait_for_count(size_t n, std::chrono::milliseconds timeout)
     return true;
 }
 
+bool NodesRecorder::wait_for_values(const std::vector<std::string> &expected,
+                                    std::chrono::milliseconds timeout)
+{
+    size_t seen = cycles_.size();
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        for (; seen < cycles_.size(); ++seen)
+            if (cycle_values(cycles_[seen]) == expected)
+                return true;
+        if (!g_main_context_iteration(nullptr, FALSE))
+            std::this_thread::sleep_for(1ms);
+    }
+    return false;
+}
+
 void pump_main_context(std::chrono::milliseconds duration)
 {
     const auto deadline = std::chrono::steady_clock::now() + duration;
@@ -341,9 +357,11 @@ void pump_main_context(std::chrono::milliseconds duration)
     }
 }
 
-std::vector<std::string> cycle_values(GVariant *cycle)
+namespace {
+
+// Calls `fn(dev_id, dev_name, nodes)` for each device of one cycle.
+void each_device(GVariant *cycle, const std::function<void(guint32, const gchar *, GVariant *)> &fn)
 {
-    std::vector<std::string> out;
     GVariantIter it;
     g_variant_iter_init(&it, cycle);
     guint32 dev_id, mfg, type;
@@ -351,33 +369,35 @@ std::vector<std::string> cycle_values(GVariant *cycle)
     GVariant *nodes;
     while (g_variant_iter_next(&it, "(u&suu@v)", &dev_id, &dev_name, &mfg, &type, &nodes)) {
         GVariant *arr = g_variant_get_variant(nodes);
+        fn(dev_id, dev_name, arr);
+        g_variant_unref(arr);
+        g_variant_unref(nodes);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> cycle_values(GVariant *cycle)
+{
+    std::vector<std::string> out;
+    each_device(cycle, [&](guint32 dev_id, const gchar *, GVariant *arr) {
         GVariantIter nit;
         g_variant_iter_init(&nit, arr);
         const gchar *name, *addr, *value;
         guint32 dtype;
         while (g_variant_iter_next(&nit, "(&s&su&s)", &name, &addr, &dtype, &value))
             out.push_back(std::to_string(dev_id) + "/" + name + "=" + value);
-        g_variant_unref(arr);
-        g_variant_unref(nodes);
-    }
+    });
     return out;
 }
 
 std::vector<std::string> cycle_devices(GVariant *cycle)
 {
     std::vector<std::string> out;
-    GVariantIter it;
-    g_variant_iter_init(&it, cycle);
-    guint32 dev_id, mfg, type;
-    const gchar *dev_name;
-    GVariant *nodes;
-    while (g_variant_iter_next(&it, "(u&suu@v)", &dev_id, &dev_name, &mfg, &type, &nodes)) {
-        GVariant *arr = g_variant_get_variant(nodes);
+    each_device(cycle, [&](guint32 dev_id, const gchar *dev_name, GVariant *arr) {
         out.push_back(std::to_string(dev_id) + ":" + dev_name + ":" +
                       std::to_string(g_variant_n_children(arr)));
-        g_variant_unref(arr);
-        g_variant_unref(nodes);
-    }
+    });
     return out;
 }
 

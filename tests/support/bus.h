@@ -105,6 +105,10 @@ public:
     size_t count() const { return cycles_.size(); }
     // Waits until `n` signals in total have been recorded.
     bool wait_for_count(size_t n, std::chrono::milliseconds timeout = 15s);
+    // Waits for a cycle, recorded from now on, whose values (as cycle_values
+    // gives them) are exactly `expected`: the first ones may predate a change.
+    bool wait_for_values(const std::vector<std::string> &expected,
+                         std::chrono::milliseconds timeout = 20s);
     // The argument a(usuuv) of signal `i` (owned by the recorder).
     GVariant *cycle(size_t i) const { return cycles_.at(i); }
     GVariant *last() const { return cycles_.back(); }

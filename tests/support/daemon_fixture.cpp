@@ -1,5 +1,7 @@
 #include "support/daemon_fixture.h"
 
+#include "support/sqlite_rows.h"
+
 namespace dstest {
 
 DaemonTest::DaemonTest() : system_(bus_.address())
@@ -65,6 +67,29 @@ StandInSystemService &DaemonTest::start_system_service(uint32_t scan_interval)
     system_.set_scan_interval(scan_interval);
     system_.start();
     return system_;
+}
+
+void DaemonTest::add_device(GVariant *device_args, const std::vector<NodeSpec> &nodes)
+{
+    const bool serial = g_variant_n_children(device_args) == 12;
+    const CallResult dev = call(serial ? "SerialDeviceAdd" : "EthernetDeviceAdd", device_args);
+    ASSERT_TRUE(dev.ok) << dev.error << ": " << dev.message;
+    ASSERT_EQ(dev.response, 0);
+    const CallResult added = call("nodeTableAddMulti", node_array(nodes));
+    ASSERT_TRUE(added.ok) << added.error << ": " << added.message;
+    ASSERT_EQ(added.response, 0);
+}
+
+int DaemonTest::code(const char *method, GVariant *params)
+{
+    const CallResult r = call(method, params);
+    EXPECT_TRUE(r.ok) << method << ": " << r.error << " " << r.message;
+    return r.response;
+}
+
+std::vector<std::string> DaemonTest::rows(const std::string &query) const
+{
+    return sqlite_rows(db_path(), query);
 }
 
 } // namespace dstest

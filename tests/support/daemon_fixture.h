@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "support/bus.h"
+#include "support/config_calls.h"
 #include "support/standin_system_service.h"
 #include "support/test_util.h"
 
@@ -29,6 +30,13 @@ protected:
 
     GDBusConnection *conn() { return bus_.connection(); }
     CallResult call(const char *method, GVariant *params) { return call_device(conn(), method, params); }
+    // The method's result code; the call itself must succeed.
+    int code(const char *method, GVariant *params);
+    // Rows of the daemon's my.db, as sqlite_rows gives them.
+    std::vector<std::string> rows(const std::string &query) const;
+    // Adds a device (SerialDeviceAdd or EthernetDeviceAdd by its arguments)
+    // and its nodes; both must answer 0.
+    void add_device(GVariant *device_args, const std::vector<NodeSpec> &nodes);
     std::string db_path() const { return dir_.file("my.db"); }
 
     TempDir dir_;

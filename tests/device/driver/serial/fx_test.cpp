@@ -1,0 +1,119 @@
+// The two FX drivers against the simulated PLC on a pseudo-terminal.
+#include <gtest/gtest.h>
+
+#include "support/serial_driver_test.h"
+#include "sim/fx_sim.h"
+
+using namespace dstest;
+
+class FxDriver : public SerialDriverTest<sim::FxSim> {
+protected:
+    FxDriver() : SerialDriverTest(1)
+    {
+        use_model(DEV_TYPE_FX_3U);
+        start_line();
+    }
+    void use_model(uint32_t type)
+    {
+        bind(serial_device_create(1, "fx", 0, 1, type, 0, 1, 0, 9600, 7, 1, 1));
+    }
+};
+
+TEST_F(FxDriver, ReadsEveryArea)
+{
+    plc_.set_register(100, 4660);
+    plc_.set_register(10, 0x1234); // U32 over D10/D11: D10 is the high half
+    plc_.set_register(11, 0x5678);
+    plc_.set_register(20, 0x0000); // 1.5f: D20 the low half, D21 the high half
+    plc_.set_register(21, 0x3FC0);
+    plc_.set_register(30, 0xFFFE);
+    for (const char *on : {"X17", "Y5", "M8", "S100", "T7", "C200"})
+        plc_.set_bit(on, true);
+    struct Case {
+        const char *addr;
+        uint32_t type;
+        const char *value;
+    } cases[] = {
+        {"D100", 4, "4660"},  {"D10", 6, "305419896"}, {"D10", 12, "0x12345678"},
+        {"D20", 10, "1.500000"}, {"D30", 5, "-2"},     {"D30", 11, "0xfffe"},
+        {"X17", 1, "1"},      {"X16", 1, "0"},         {"Y5", 1, "1"},
+        {"M8", 1, "1"},       {"m9", 1, "0"},          {"S100", 1, "1"},
+        {"T7", 1, "1"},       {"C200", 1, "1"},        {"D100", 9, "unkown type"},
+    };
+    for (const Case &c : cases) {
+        const Read r = read(c.addr, c.type);
+        EXPECT_EQ(r.rc, 0) << c.addr << r.out;
+        EXPECT_EQ(r.value, c.value) << c.addr << " type " << c.type;
+    }
+}
+
+TEST_F(FxDriver, Fx1nHasNoFloat)
+{
+    use_model(DEV_TYPE_FX_1N);
+    plc_.set_register(20, 0x0000);
+    plc_.set_register(21, 0x3FC0);
+    const Read r = read("D20", 10);
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.value, "unkown type");
+    EXPECT_EQ(read("D21", 4).value, "16320");
+}
+
+TEST_F(FxDriver, BadAddressesAreReadErrors)
+{
+    const size_t before = line_.requests();
+    for (const char *bad : {"X18", "Q1", "D8512"}) {
+        const Read r = read(bad, 1);
+        EXPECT_EQ(r.rc, -1) << bad;
+        EXPECT_EQ(r.value, "read error") << bad;
+    }
+    EXPECT_EQ(line_.requests(), before) << "nothing goes out for a bad address";
+}
+
+TEST_F(FxDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
+{
+    plc_.set_register(100, 4660);
+    struct Fault {
+        std::atomic<bool> *flag;
+        const char *line; // what the driver prints, if anything
+    } faults[] = {
+        {&plc_.faults.silent, "timeout1\n"},
+        {&plc_.faults.nak, "cmd error\n"},
+        {&plc_.faults.exception, "cmd error\n"},
+        {&plc_.faults.garbage, ""},
+    };
+    for (Fault &f : faults) {
+        *f.flag = true;
+        const Read bad = read("D100", 4);
+        *f.flag = false;
+        EXPECT_EQ(bad.rc, -1) << f.line << bad.out;
+        EXPECT_EQ(bad.value, "read error") << f.line;
+        EXPECT_NE(bad.out.find(f.line), std::string::npos) << bad.out;
+        const Read good = read("D100", 4);
+        EXPECT_EQ(good.rc, 0) << f.line << good.out;
+        EXPECT_EQ(good.value, "4660") << f.line;
+    }
+}
+
+TEST_F(FxDriver, AnswerSumIsNotCheckedAndPiecesAreJoined)
+{
+    plc_.set_register(10, 0x1234);
+    plc_.set_register(11, 0x5678);
+    plc_.faults.bad_checksum = true;
+    EXPECT_EQ(read("D10", 6).value, "305419896");
+    plc_.faults.bad_checksum = false;
+    plc_.faults.split = true;
+    EXPECT_EQ(read("D10", 6).value, "305419896");
+    EXPECT_EQ(read("D10", 6).value, "305419896");
+}
+
+TEST_F(FxDriver, OpenNeedsAKnownPortThatExists)
+{
+    dev_->serial_number = 3;
+    Read r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "serial_number err\n");
+    dev_->serial_number = 2; // configured at a path where nothing is
+    r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "open error\n");
+}

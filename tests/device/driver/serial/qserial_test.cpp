@@ -1,0 +1,210 @@
+// The Q-series serial driver against a simulated Q CPU on a pseudo-terminal
+// linked where the driver expects port 1.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/log_records.h"
+#include "support/serial_driver_test.h"
+#include "sim/qna_4c_sim.h"
+
+namespace {
+
+using namespace dstest;
+
+// Answers every DLE-led request with a fixed byte string.
+class CannedSim : public sim::SerialProtocolSim {
+public:
+    bool accepts(uint8_t first) const override { return first == 0x10; }
+    size_t feed(const uint8_t *, size_t len, std::vector<uint8_t> &answer) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        answer = reply_;
+        return len;
+    }
+    void reply(std::vector<uint8_t> bytes)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        reply_ = std::move(bytes);
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<uint8_t> reply_;
+};
+
+class QSerialDriver : public SerialDriverTest<sim::QnA4CSim> {
+protected:
+    QSerialDriver() : SerialDriverTest(1)
+    {
+        bind(serial_device_create(7, "q", 0, 1, 105, 0, 1, 0, 9600, 8, 1, 1));
+    }
+
+    // Result and value text of one read on the port opened by open_line.
+    std::pair<int, std::string> read(const char *addr, uint32_t type)
+    {
+        const Read r = SerialDriverTest::read(addr, type, false);
+        return {r.rc, r.value};
+    }
+
+    CannedSim canned_;
+    LogRecords logs_;
+};
+
+const std::pair<int, std::string> failed = {-1, "untouched"};
+
+} // namespace
+
+TEST_F(QSerialDriver, ReadsWordsUnsignedAndBits)
+{
+    ASSERT_TRUE(plc_.set_word("D100", 0xFFFF));
+    ASSERT_TRUE(plc_.set_word("D16", 1234)); // a request with a doubled DLE
+    ASSERT_TRUE(plc_.set_bit("M20", true));  // an ON bit comes back as a doubled DLE
+    ASSERT_TRUE(plc_.set_word("D101", 0x1010));
+    open_line();
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("65535")));
+    EXPECT_EQ(read("d16", NODE_TYPE_S16), std::make_pair(0, std::string("1234")));
+    EXPECT_EQ(read("M20", NODE_TYPE_BIT), std::make_pair(0, std::string("1")));
+    EXPECT_EQ(read("SM400", NODE_TYPE_BIT), std::make_pair(0, std::string("0")));
+    EXPECT_EQ(read("D101", NODE_TYPE_S16), std::make_pair(0, std::string("4112")));
+    EXPECT_EQ(plc_.reads(), 5u);
+}
+
+TEST_F(QSerialDriver, RefusesOtherTypesAndAddressesWithoutSending)
+{
+    open_line();
+    EXPECT_EQ(read("D100", NODE_TYPE_U16), failed);
+    EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_read:"));
+    EXPECT_TRUE(logs_.contains(" dt = 4\n"));
+    EXPECT_EQ(read("D100", NODE_TYPE_FLOAT), failed);
+    EXPECT_EQ(read("M20", NODE_TYPE_S16), failed); // bit device read as words
+    EXPECT_EQ(read("XA5", NODE_TYPE_BIT), failed);
+    EXPECT_EQ(read("DX", NODE_TYPE_BIT), failed);
+    EXPECT_EQ(line_.requests(), 0u);
+}
+
+TEST_F(QSerialDriver, EndCodeMakesTheReadFail)
+{
+    open_line();
+    plc_.faults.nak = true;
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
+    EXPECT_TRUE(logs_.contains(" respond_code = c051H\n"));
+    plc_.faults.nak = false;
+    plc_.faults.exception = true;
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
+    plc_.faults.exception = false;
+    plc_.set_word("D100", 7);
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("7")));
+}
+
+TEST_F(QSerialDriver, LineFaultsFailTheReadAndTheNextOneRecovers)
+{
+    plc_.set_word("D100", 42);
+    open_line();
+    struct Fault {
+        std::atomic<bool> &flag;
+        const char *log;
+    };
+    const Fault faults[] = {
+        {plc_.faults.silent, " respond timeout \n"},
+        {plc_.faults.bad_checksum, " != sum:"},
+        {plc_.faults.garbage, ""}, // random bytes: how it fails depends on them
+    };
+    for (const auto &f : faults) {
+        logs_.clear();
+        f.flag = true;
+        EXPECT_EQ(read("D100", NODE_TYPE_S16), failed) << f.log;
+        EXPECT_TRUE(logs_.contains(f.log)) << logs_.text();
+        f.flag = false;
+        EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("42"))) << f.log;
+    }
+    // An answer in pieces is gathered until its length is reached.
+    plc_.faults.split = true;
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("42")));
+    EXPECT_EQ(read("M0", NODE_TYPE_BIT), std::make_pair(0, std::string("0")));
+}
+
+TEST_F(QSerialDriver, AnswersThatNeverCompleteTimeOut)
+{
+    open_line({&canned_});
+    // Not led by DLE: nothing is thrown away, so the answer is never found.
+    canned_.reply({0x02, 0x0E, 0x00, 0xF8, 0x00});
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
+    EXPECT_TRUE(logs_.contains(" R[0] != DLE\n"));
+    EXPECT_TRUE(logs_.contains(" respond timeout \n"));
+
+    // Long enough, but no ETX three from the end.
+    logs_.clear();
+    std::vector<uint8_t> frame = sim::qna_4c_format5_frame(
+        {0x0E, 0x00, 0xF8, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00, 0x00, 0xFF, 0xFF, 0x00, 0x00, 0x01, 0x00});
+    frame[frame.size() - 3] = 'A';
+    canned_.reply(frame);
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
+    EXPECT_TRUE(logs_.contains(" R[-3]:41H != ETX\n")) << logs_.text();
+
+    // Claims 14 data bytes and sends far more.
+    logs_.clear();
+    frame.assign(40, 0x00);
+    frame[0] = 0x10;
+    frame[2] = 0x0E;
+    canned_.reply(frame);
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
+    EXPECT_TRUE(logs_.contains(" offset:40 > response_max_len:24\n")) << logs_.text();
+
+    // A flood bigger than the receive buffer ends in the time-out too.
+    logs_.clear();
+    canned_.reply(std::vector<uint8_t>(300, 0x10));
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
+    EXPECT_TRUE(logs_.contains(" respond timeout \n"));
+}
+
+TEST_F(QSerialDriver, OpenChecksSettingsBeforeTouchingThePort)
+{
+    drv().release(dev_);
+    dev_->parity_bit = 3;
+    EXPECT_EQ(drv().open(dev_), -1);
+    EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_open:"));
+    EXPECT_TRUE(logs_.contains(" sDev->parity_bit = 3\n"));
+    EXPECT_FALSE(logs_.contains(" open "));
+    dev_->parity_bit = 2;
+    dev_->serial_number = 3;
+    EXPECT_EQ(drv().open(dev_), -1);
+    EXPECT_TRUE(logs_.contains(" serial_number = 3\n"));
+    // Port 2 has no line behind it here.
+    dev_->serial_number = 2;
+    EXPECT_EQ(drv().open(dev_), -1);
+    EXPECT_TRUE(logs_.contains(" open " + dir_.file("absent") + " : No such file or directory\n"))
+        << logs_.text();
+    // An Ethernet record bound by maker and model has no line settings.
+    dev_->dev_comm_type = DEV_COMM_ETHERNET;
+    EXPECT_EQ(drv().open(dev_), -1);
+}
+
+TEST_F(QSerialDriver, LifecycleAndLogOnlyOperations)
+{
+    auto c = capture_output([&] {
+        EXPECT_EQ(drv().write(dev_, "D100", 5, "1"), 0);
+        EXPECT_EQ(drv().update_params(dev_), 0);
+        EXPECT_EQ(drv().save_config(dev_), 0);
+        EXPECT_EQ(drv().probe(), 0); // already there: kept
+    });
+    EXPECT_EQ(c.out, "mitusbishi_Qserial_write called\nmitusbishi_Qserial_update_params called\n"
+                     "mitusbishi_Qserial_save_config called\nmitusbishi_Qserial_probe called\n");
+    EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_drv.drv.priv != NULL\n"));
+
+    drv().remove();
+    EXPECT_EQ(drv().priv, nullptr);
+    char value[NODE_VALUE_SIZE] = "untouched";
+    EXPECT_EQ(drv().open(dev_), -1);
+    EXPECT_EQ(drv().read(dev_, "D100", 5, value), -1);
+    EXPECT_EQ(drv().release(dev_), -1);
+    EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_release:"));
+    EXPECT_TRUE(logs_.contains(" drvdata = NULL\n"));
+    drv().remove();
+    EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_drv.drv.priv = NULL\n"));
+    // A fresh cell starts without a port.
+    ASSERT_EQ(drv().probe(), 0);
+    EXPECT_EQ(drv().release(dev_), 0);
+}

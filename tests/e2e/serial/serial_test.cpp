@@ -1,0 +1,119 @@
+// Serial PLCs read by the running daemon: configured over the bus,
+// simulated on pseudo-terminals at the daemon's serial port paths.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "sim/dvp_sim.h"
+#include "sim/fx_sim.h"
+#include "sim/ppi_sim.h"
+#include "sim/qna_4c_sim.h"
+#include "sim/serial_line.h"
+#include "support/daemon_fixture.h"
+
+using namespace dstest;
+
+namespace {
+
+class SerialE2E : public DaemonTest {
+protected:
+    void SetUp() override
+    {
+        start_system_service(1);
+        start_daemon();
+    }
+
+    // Links a line answering through `plcs` at port 1 or 2.
+    sim::SerialLine &line(int port, std::vector<sim::SerialProtocolSim *> plcs)
+    {
+        line_ = std::make_unique<sim::SerialLine>(port == 1 ? options_.tty1 : options_.tty2);
+        for (auto *p : plcs)
+            line_->add_protocol(p);
+        line_->start();
+        return *line_;
+    }
+
+    // The PLC stops answering: the driver's time-out line, the reading
+    // loop's line for the node, and cycles without the device's nodes.
+    void silence(sim::SerialProtocolSim &plc, const std::string &timeout_line,
+                 const std::string &node_addr)
+    {
+        plc.faults.silent = true;
+        EXPECT_TRUE(daemon_->wait_output(timeout_line, 20s)) << daemon_->out();
+        EXPECT_TRUE(daemon_->wait_output("read_PLC_nodes_3:665 " + node_addr + " = NULL\n", 20s));
+        EXPECT_TRUE(rec_.wait_for_values({})) << daemon_->out();
+        plc.faults.silent = false;
+    }
+
+    NodesRecorder rec_{conn()};
+    std::unique_ptr<sim::SerialLine> line_;
+};
+
+} // namespace
+
+TEST_F(SerialE2E, Fx1nAndFx3uOnOneLinePublishAndRecoverAfterSilence)
+{
+    sim::FxSim plc;
+    plc.set_register(100, 321);
+    plc.set_register(20, 0x0000); // 1.5f
+    plc.set_register(21, 0x3FC0);
+    plc.set_bit("M8", true);
+    line(1, {&plc});
+    add_device(serial_args(1, 1, 102, "fx1n", 0, 1, 9600, 7, 1, 1),
+               {{1, 11, "D100", 4, "d"}, {1, 12, "M8", 1, "m"}, {1, 13, "D20", 10, "f"}});
+    add_device(serial_args(2, 1, 101, "fx3u", 0, 1, 9600, 7, 1, 1),
+               {{2, 21, "D100", 11, "h"}, {2, 22, "D20", 10, "f"}, {2, 23, "X18", 1, "bad"}});
+
+    // The FX-1N has no Float ("unkown type" is still a value); X18 is no
+    // FX input and never appears.
+    ASSERT_TRUE(rec_.wait_for_values({"1/d=321", "1/m=1", "1/f=unkown type", "2/h=0x141", "2/f=1.500000"}))
+        << daemon_->out();
+    silence(plc, "timeout1\n", "D100");
+    plc.set_register(100, 123);
+    EXPECT_TRUE(rec_.wait_for_values({"1/d=123", "1/m=1", "1/f=unkown type", "2/h=0x7b", "2/f=1.500000"}))
+        << daemon_->out();
+}
+
+TEST_F(SerialE2E, DvpPublishesAndRecoversAfterSilence)
+{
+    sim::DvpSim plc(10);
+    plc.set_device("D100", 77);
+    plc.set_device("X17", 1);
+    plc.set_device("C5", 50000);
+    line(2, {&plc});
+    add_device(serial_args(5, 3, 201, "dvp", 10, 2, 9600, 7, 1, 1),
+               {{5, 51, "d100", 4, "level"}, {5, 52, "X17", 1, "door"}, {5, 53, "C5", 6, "count"},
+                {5, 54, "D101", 5, "s16"}});
+
+    // S16 is not a DVP type: that node never appears.
+    ASSERT_TRUE(rec_.wait_for_values({"5/level=77", "5/door=1", "5/count=50000"})) << daemon_->out();
+    gchar *cycle = g_variant_print(rec_.last(), FALSE);
+    EXPECT_NE(std::string(cycle).find("('level', 'D100', "), std::string::npos)
+        << "the node configured as d100 goes out as read, D100: " << cycle;
+    g_free(cycle);
+    silence(plc, "select timeout\n", "D100");
+    plc.set_device("D100", 78);
+    EXPECT_TRUE(rec_.wait_for_values({"5/level=78", "5/door=1", "5/count=50000"})) << daemon_->out();
+}
+
+TEST_F(SerialE2E, EverySerialProtocolSharesOneLine)
+{
+    // As the plant wires them: PPI first (it takes a 0x10 only while it
+    // holds an answer to fetch; every other 0x10 is a QnA request), then
+    // QnA 4C, FX (STX) and DVP (':').
+    sim::PpiSim s7(2);
+    sim::QnA4CSim q;
+    sim::FxSim fx;
+    sim::DvpSim dvp(1);
+    s7.set_bytes(sim::PpiSim::AREA_M, 0, {0x00, 0x2A});
+    q.set_word("D0", 99);
+    fx.set_register(0, 7);
+    dvp.set_device("D0", 8);
+    line(1, {&s7, &q, &fx, &dvp});
+    add_device(serial_args(41, 2, 1, "s7", 2, 1, 9600, 8, 1, 0), {{41, 4101, "MW0", 5, "m"}});
+    add_device(serial_args(42, 1, 105, "q", 0, 1, 9600, 8, 1, 1), {{42, 4201, "D0", 5, "d"}});
+    add_device(serial_args(43, 1, 101, "fx", 0, 1, 9600, 7, 1, 1), {{43, 4301, "D0", 4, "d"}});
+    add_device(serial_args(44, 3, 201, "dvp", 1, 1, 9600, 7, 1, 1), {{44, 4401, "D0", 4, "d"}});
+    EXPECT_TRUE(rec_.wait_for_values({"41/m=42", "42/d=99", "43/d=7", "44/d=8"})) << daemon_->out();
+}

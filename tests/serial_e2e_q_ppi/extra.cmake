@@ -1,1 +1,0 @@
-target_link_libraries(test_${name} PRIVATE ds_sim)

@@ -1,0 +1,172 @@
+// The daemon as a process on a private bus: its contract, the single-instance
+// guard and signal handling.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <unistd.h>
+
+#include "support/daemon_fixture.h"
+
+using namespace dstest;
+
+namespace {
+
+std::string introspect(GDBusConnection *conn)
+{
+    GVariant *r = g_dbus_connection_call_sync(
+        conn, "com.fernwick.DeviceService", "/com/fernwick/DeviceService",
+        "org.freedesktop.DBus.Introspectable", "Introspect", nullptr, G_VARIANT_TYPE("(s)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+    if (r == nullptr)
+        return "";
+    const gchar *xml = nullptr;
+    g_variant_get(r, "(&s)", &xml);
+    std::string s = xml;
+    g_variant_unref(r);
+    return s;
+}
+
+// "name(in:sig,...;out:sig)" per method, in introspection order.
+std::vector<std::string> describe(GDBusInterfaceInfo *iface)
+{
+    std::vector<std::string> out;
+    for (GDBusMethodInfo **m = iface->methods; m != nullptr && *m != nullptr; ++m) {
+        std::string d = std::string((*m)->name) + "(";
+        for (GDBusArgInfo **a = (*m)->in_args; a != nullptr && *a != nullptr; ++a)
+            d += std::string((*a)->name) + ":" + (*a)->signature + ",";
+        d += ";";
+        for (GDBusArgInfo **a = (*m)->out_args; a != nullptr && *a != nullptr; ++a)
+            d += std::string((*a)->name) + ":" + (*a)->signature + ",";
+        out.push_back(d + ")");
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+GDBusNodeInfo *parse(const std::string &xml)
+{
+    return g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
+}
+
+} // namespace
+
+class Daemon : public DaemonTest {};
+
+TEST_F(Daemon, ExportsExactlyTheDeviceServiceContract)
+{
+    start_daemon();
+    const std::string xml = introspect(conn());
+    GDBusNodeInfo *live = parse(xml);
+    ASSERT_NE(live, nullptr) << xml;
+    GDBusInterfaceInfo *iface =
+        g_dbus_node_info_lookup_interface(live, "com.fernwick.DeviceService");
+    ASSERT_NE(iface, nullptr);
+
+    const std::string idl = read_file(DS_SOURCE_DIR "/src/idl/common/device_idl.xml");
+    GDBusNodeInfo *want = parse(idl);
+    GDBusInterfaceInfo *want_iface =
+        g_dbus_node_info_lookup_interface(want, "com.fernwick.DeviceService");
+    EXPECT_EQ(describe(iface), describe(want_iface));
+    EXPECT_EQ(describe(iface).size(), 15u);
+
+    std::vector<std::string> signals;
+    for (GDBusSignalInfo **s = iface->signals; s != nullptr && *s != nullptr; ++s) {
+        std::string d = (*s)->name;
+        for (GDBusArgInfo **a = (*s)->args; a != nullptr && *a != nullptr; ++a)
+            d += std::string(" ") + (*a)->signature;
+        signals.push_back(d);
+    }
+    std::sort(signals.begin(), signals.end());
+    EXPECT_EQ(signals, (std::vector<std::string>{"Beeeeeeeeep", "nodes a(usuuv)"}));
+    EXPECT_TRUE(iface->properties == nullptr || iface->properties[0] == nullptr);
+
+    // A few hand-checked signatures, so a wrong description file is caught too.
+    const auto methods = describe(iface);
+    auto has = [&](const std::string &d) {
+        return std::find(methods.begin(), methods.end(), d) != methods.end();
+    };
+    EXPECT_TRUE(has("nodeTableDelMulti(node_id_multi:a(u),;response:i,)"));
+    EXPECT_TRUE(has("SerialDeviceSyncMulti(dev_serial_multi:a(uuuusuuuuuuu),;response:i,)"));
+    EXPECT_TRUE(has("EthernetDeviceSyncMulti(dev_ethernet_multi:a(uuuussuuu),;response:i,)"));
+    EXPECT_TRUE(has("nodeTableAddMulti(node_multi:a(suussusubbuuiuuiss),;response:i,)"));
+    EXPECT_TRUE(has("systemCfgReset(;response:i,)"));
+    g_dbus_node_info_unref(live);
+    g_dbus_node_info_unref(want);
+}
+
+TEST_F(Daemon, RunningDaemonPidFileStartupCallsAndSignals)
+{
+    start_daemon();
+    EXPECT_EQ(read_file(options_.pid_file), std::to_string(daemon_->pid()) + std::string(1, '\0'));
+    EXPECT_NE(daemon_->out().find("M start service, ppid/pid:["), std::string::npos);
+    ASSERT_TRUE(daemon_->wait_output("<init_driver_modules>: succeed to init driver modules\n"));
+    EXPECT_LT(daemon_->out().find("<mitsubishi_fx1n_init> called\n"),
+              daemon_->out().find("<delta_dvp32ec_init> called\n"));
+    EXPECT_NE(daemon_->out().find("Name com.fernwick.ZorvService does not exist on the session bus\n"),
+              std::string::npos);
+
+    // Methods of the contract it does not serve, and arguments of the wrong shape.
+    auto r = call("nodeTableDelOne", g_variant_new("(u)", 5u));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.UnknownMethod");
+    EXPECT_EQ(r.message,
+              "Method nodeTableDelOne is not implemented on interface com.fernwick.DeviceService");
+    EXPECT_EQ(call("systemCfgReset", nullptr).error, "org.freedesktop.DBus.Error.UnknownMethod");
+    r = call("nodeTableAddOne",
+             g_variant_new("(suussusubbuuiuuiss)", "d", 1u, 1u, "n", "D1", 4u, "", 0u, FALSE,
+                           FALSE, 0u, 0u, 0, 0u, 0u, 0, "", ""));
+    EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.UnknownMethod");
+    r = call("SerialDeviceDel", g_variant_new("(s)", "wrong"));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.error, "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(call("nodeTableDelMulti", g_variant_new("(u)", 3u)).error,
+              "org.freedesktop.DBus.Error.InvalidArgs");
+
+    // SIGTERM only logs.
+    daemon_->send_signal(SIGTERM);
+    EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s));
+    daemon_->send_signal(SIGTERM);
+    EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s, 2));
+    EXPECT_TRUE(daemon_->running());
+    EXPECT_FALSE(introspect(conn()).empty());
+}
+
+TEST_F(Daemon, SecondInstanceExits255WithoutTouchingBusOrDatabase)
+{
+    start_daemon();
+    TempDir other;
+    DaemonOptions o = options_;
+    o.workdir = other.path();
+    o.pid_file = options_.pid_file; // the same lock
+    o.log_name = "second";
+    DaemonProcess second(o);
+    EXPECT_EQ(second.wait_exit(10s), 255);
+    const std::string out = second.out();
+    const std::string err = second.err();
+    EXPECT_NE(err.find(" C can't lock " + options_.pid_file + ": "), std::string::npos) << err;
+    EXPECT_NE(err.find(" C the service process is started\n"), std::string::npos) << err;
+    EXPECT_EQ(out.find("init_driver_modules"), std::string::npos);
+    EXPECT_FALSE(g_file_test(other.file("my.db").c_str(), G_FILE_TEST_EXISTS));
+    EXPECT_FALSE(g_file_test(other.file("plc_service.db").c_str(), G_FILE_TEST_EXISTS));
+    // The first instance still holds its file and its name.
+    EXPECT_EQ(read_file(options_.pid_file), std::to_string(daemon_->pid()) + std::string(1, '\0'));
+    EXPECT_TRUE(bus_.name_has_owner("com.fernwick.DeviceService"));
+}
+
+TEST_F(Daemon, UnopenablePidFileOrLostBusExits255)
+{
+    options_.pid_file = dir_.file("no/such/dir/device-service.pid");
+    options_.log_name = "nopid";
+    DaemonProcess d(options_);
+    EXPECT_EQ(d.wait_exit(10s), 255);
+    EXPECT_NE(d.err().find("can't open " + options_.pid_file + ": "), std::string::npos);
+    EXPECT_NE(d.err().find("the service process is started\n"), std::string::npos);
+
+    options_.pid_file = dir_.file("device-service.pid");
+    options_.bus_address = "unix:path=" + dir_.file("no-bus-here");
+    options_.log_name = "nobus";
+    DaemonProcess lost(options_);
+    EXPECT_EQ(lost.wait_exit(15s), 255);
+    EXPECT_NE(lost.out().find("Lost the name com.fernwick.DeviceService on the session bus,exit -1\n"),
+              std::string::npos);
+}
