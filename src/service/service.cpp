@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -102,6 +103,16 @@ void use_plain_malloc(char **argv)
     if (slice != nullptr && strcmp(slice, "always-malloc") == 0)
         return;
     setenv("G_SLICE", "always-malloc", 1);
+    // The program is started again by its own path: the kernel names the
+    // process after the file executed, and "exe" would take the service's
+    // name in ps, pgrep and the journal. /proc/self/exe itself is the way
+    // left when the file was replaced since it started.
+    char path[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n > 0) {
+        path[n] = '\0';
+        execv(path, argv);
+    }
     execv("/proc/self/exe", argv);
     // Without /proc the service runs on with GLib's slice magazines.
 }
