@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "acquisition/acquisition.h"
 #include "acquisition/upstream.h"
@@ -99,10 +100,19 @@ void on_name_lost(GDBusConnection * /*connection*/, const gchar *name, gpointer 
 
 void use_plain_malloc(char **argv)
 {
+    static constexpr char NO_TCACHE[] = "glibc.malloc.tcache_count=0";
     const char *slice = getenv("G_SLICE");
-    if (slice != nullptr && strcmp(slice, "always-malloc") == 0)
+    const char *tunables = getenv("GLIBC_TUNABLES");
+    const bool tcache_off = tunables != nullptr && strstr(tunables, NO_TCACHE) != nullptr;
+    if (slice != nullptr && strcmp(slice, "always-malloc") == 0 && tcache_off)
         return;
     setenv("G_SLICE", "always-malloc", 1);
+    if (!tcache_off) {
+        const std::string all = tunables != nullptr && *tunables != '\0'
+                                    ? std::string(tunables) + ":" + NO_TCACHE
+                                    : std::string(NO_TCACHE);
+        setenv("GLIBC_TUNABLES", all.c_str(), 1);
+    }
     // The program is started again by its own path: the kernel names the
     // process after the file executed, and "exe" would take the service's
     // name in ps, pgrep and the journal. /proc/self/exe itself is the way
