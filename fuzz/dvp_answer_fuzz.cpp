@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     memcpy(answer, data, size);
     uint32_t value = 0;
     char exception[3];
-    analysis_delta(answer, size, &value, exception);
+    analysis_delta(answer, size, size % 2 != 0 ? "01" : "03", &value, exception); // coil or register
     delete[] answer;
     std::string addr(reinterpret_cast<const char *>(data), size);
     addr = addr.substr(0, addr.find('\0'));

@@ -87,7 +87,7 @@ pass_result read_device_nodes(plc_device *dev, node_read &rd, node_array_writer 
             }
         }
         if (mine) {
-            if (dev->driver->read(dev, rd.addr.c_str(), rd.data_type, rd.value) != 0) {
+            if (dev->driver->read(dev, rd.addr.data(), rd.data_type, rd.value) != 0) {
                 g_warning("%s:%d %s = NULL\n", "read_PLC_nodes_3", 665, rd.addr.c_str());
             } else {
                 rd.value[NODE_VALUE_SIZE - 1] = '\0';

@@ -109,7 +109,8 @@ std::string dvp_request(uint32_t station, const char *code, const char *address_
     return frame;
 }
 
-int analysis_delta(const char *answer, size_t len, uint32_t *value_out, char exception_out[3])
+int analysis_delta(const char *answer, size_t len, const char *code, uint32_t *value_out,
+                   char exception_out[3])
 {
     if (len < 9 || answer[0] != ':' || answer[len - 2] != '\r' || answer[len - 1] != '\n')
         return -1;
@@ -133,5 +134,7 @@ int analysis_delta(const char *answer, size_t len, uint32_t *value_out, char exc
     if (7 + chars > len - 4 || chars > 8)
         return -1; // the data must lie before the LRC
     *value_out = dvp_hex_field(answer + 7, chars);
+    if (strcmp(code, "01") == 0 || strcmp(code, "02") == 0)
+        *value_out &= 1;
     return 0;
 }

@@ -19,6 +19,9 @@ int get_code(char code_out[3], char *address, uint32_t data_type);
 int mapping(const char *address, char *letter_out, char hex_out[5]);
 // ":" station(%02x) code address "0001" LRC CR LF.
 std::string dvp_request(uint32_t station, const char *code, const char *address_hex);
-// 0 value decoded, -1 framing, -2 LRC mismatch, -3 exception answer (its
-// code in exception_out, two characters).
-int analysis_delta(const char *answer, size_t len, uint32_t *value_out, char exception_out[3]);
+// The answer to a request with function `code`: 0 value decoded, -1
+// framing, -2 LRC mismatch, -3 exception answer (its code in exception_out,
+// two characters). A coil or input ("01", "02") comes as a whole byte of
+// which only bit 0 is the point.
+int analysis_delta(const char *answer, size_t len, const char *code, uint32_t *value_out,
+                   char exception_out[3]);

@@ -1,5 +1,6 @@
 #include "codec/fx5u_address.h"
 
+#include <cstdio>
 #include <cstring>
 
 fx5u_address fx5u_parse_address(const char *text)
@@ -54,4 +55,27 @@ fx5u_address fx5u_parse_address(const char *text)
     if (a.modbus > 0xFFFF)
         a.wrong_address = true;
     return a;
+}
+
+int fx5u_register_count(uint32_t data_type)
+{
+    switch (data_type) {
+    case 4: case 5: return 1;
+    case 6: case 7: case 10: return 2;
+    default: return 0;
+    }
+}
+
+void fx5u_register_text(uint32_t data_type, const uint16_t r[2], char *value, size_t value_size)
+{
+    const uint32_t d = static_cast<uint32_t>(r[1]) << 16 | r[0];
+    float f = 0;
+    memcpy(&f, &d, sizeof f);
+    switch (data_type) {
+    case 4: snprintf(value, value_size, "%u", r[0]); break;
+    case 5: snprintf(value, value_size, "%d", static_cast<int16_t>(r[0])); break;
+    case 6: snprintf(value, value_size, "%u", d); break;
+    case 7: snprintf(value, value_size, "%d", static_cast<int32_t>(d)); break;
+    default: snprintf(value, value_size, "%f", static_cast<double>(f)); break;
+    }
 }

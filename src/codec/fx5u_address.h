@@ -1,7 +1,9 @@
-// FX5U device addresses as Modbus objects: the fixed allocation of the
-// FX5U's devices to coils, discrete inputs and holding registers.
+// FX5U device addresses as Modbus objects (the fixed allocation of the
+// FX5U's devices to coils, discrete inputs and holding registers), and the
+// values of its registers.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 enum class fx5u_object { unknown, input_bits, coils, registers };
@@ -16,3 +18,11 @@ struct fx5u_address {
 };
 
 fx5u_address fx5u_parse_address(const char *text);
+
+// Registers a data type reads from a register area: 1 or 2; 0 when the type
+// is not allowed there ("wrong type").
+int fx5u_register_count(uint32_t data_type);
+
+// The value text of the registers read for `data_type`. Two registers hold
+// the low word first, a Float too (as libmodbus's modbus_get_float takes it).
+void fx5u_register_text(uint32_t data_type, const uint16_t r[2], char *value, size_t value_size);

@@ -33,11 +33,14 @@ struct Decoded {
     std::string exception;
 };
 
-Decoded decode(const std::string &answer)
+// The answer to a request with function `code` (by default the answer's own).
+Decoded decode(const std::string &answer, std::string code = "")
 {
     Decoded d{0, 0xDEADBEEF, ""};
     char exc[3] = {};
-    d.rc = analysis_delta(answer.data(), answer.size(), &d.value, exc);
+    if (code.empty())
+        code = answer.size() > 5 ? answer.substr(3, 2) : "03";
+    d.rc = analysis_delta(answer.data(), answer.size(), code.c_str(), &d.value, exc);
     d.exception = exc;
     return d;
 }
@@ -106,9 +109,11 @@ TEST(DvpCodec, AnswerDecoding)
     d = decode(":010302FFFFFC\r\n");
     EXPECT_EQ(d.rc, 0);
     EXPECT_EQ(d.value, 65535u) << "a register reads unsigned";
-    d = decode(":01010101FC\r\n");
-    EXPECT_EQ(d.rc, 0);
-    EXPECT_EQ(d.value, 1u);
+    // A coil or input is bit 0 of the byte answered, by the request's code.
+    EXPECT_EQ(decode(":01010101FC\r\n").value, 1u);
+    EXPECT_EQ(decode(":010101FEFF\r\n").value, 0u);
+    EXPECT_EQ(decode(":010201FFFD\r\n").value, 1u);
+    EXPECT_EQ(decode(":010101FEFF\r\n", "03").value, 0xFEu);
     d = decode(":0183027A\r\n");
     EXPECT_EQ(d.rc, -3);
     EXPECT_EQ(d.exception, "02");

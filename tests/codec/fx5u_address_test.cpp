@@ -29,3 +29,22 @@ TEST(Fx5uAddress, FixedAllocation)
     EXPECT_EQ(fx5u_parse_address("Z1").area, 0);
     EXPECT_EQ(fx5u_parse_address("x0").object, fx5u_object::input_bits);
 }
+
+TEST(Fx5uAddress, RegisterValuesLowWordFirst)
+{
+    const struct {
+        uint32_t type;
+        uint16_t r[2];
+        int count;
+        const char *text;
+    } cases[] = {{4, {0xFFFF, 9}, 1, "65535"},      {5, {0xFFFF, 9}, 1, "-1"},   {6, {2, 1}, 2, "65538"},
+                 {7, {0xFFFE, 0xFFFF}, 2, "-2"},     {10, {0, 0x3FC0}, 2, "1.500000"},
+                 {1, {}, 0, ""},                     {8, {}, 0, ""},              {12, {}, 0, ""}};
+    for (const auto &c : cases) {
+        char text[NODE_VALUE_SIZE] = "";
+        EXPECT_EQ(fx5u_register_count(c.type), c.count) << c.type;
+        if (c.count != 0)
+            fx5u_register_text(c.type, c.r, text, sizeof text);
+        EXPECT_STREQ(text, c.text) << c.type;
+    }
+}

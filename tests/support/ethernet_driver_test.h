@@ -43,12 +43,12 @@ protected:
             *log = c;
         return r;
     }
-    // One read on the connection as it is.
-    R read_open(const char *addr, uint32_t type, Captured *log = nullptr)
+    // One read on the connection as it is, of a copy of the address as the loop's.
+    R read_open(std::string addr, uint32_t type, Captured *log = nullptr)
     {
         char v[NODE_VALUE_SIZE] = {};
         int r = -100;
-        const Captured c = capture_output([&] { r = dev_->driver->read(dev_, addr, type, v); });
+        const Captured c = capture_output([&] { r = dev_->driver->read(dev_, addr.data(), type, v); });
         if (log != nullptr)
             *log = c;
         return {r, v};

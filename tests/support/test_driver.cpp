@@ -13,7 +13,7 @@ namespace {
 
 std::atomic<unsigned> read_counter{0};
 
-int test_read(plc_device * /*dev*/, const char *addr, uint32_t /*data_type*/, char *value)
+int test_read(plc_device * /*dev*/, char *addr, uint32_t /*data_type*/, char *value)
 {
     if (g_str_has_prefix(addr, "val:")) {
         g_strlcpy(value, addr + 4, NODE_VALUE_SIZE);

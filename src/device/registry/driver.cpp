@@ -156,61 +156,12 @@ void *__get_drvdata(const plc_device *dev)
     return dev != nullptr && dev->driver != nullptr ? dev->driver->priv : nullptr;
 }
 
-int driver_common_init(driver &drv, const char *func)
-{
-    g_print("<%s> called\n", func);
-    driver_register(&drv);
-    drv.probe();
-    return 0;
-}
-
-int driver_common_deinit(driver &drv, const char *func)
-{
-    g_print("<%s> called\n", func);
-    driver_unregister(&drv);
-    drv.remove();
-    return 0;
-}
-
-int driver_common_probe(driver &drv, const char *func, size_t priv_size, const char *present_text)
-{
-    g_print("<%s> called\n", func);
-    if (drv.priv != nullptr) {
-        g_print("%s", present_text);
-        return 0;
-    }
-    drv.priv = g_try_malloc0(priv_size);
-    if (drv.priv == nullptr) {
-        g_print("<%s> called: failed to alloc memory\n", func);
-        return -1;
-    }
-    return 0;
-}
-
-int driver_common_remove(driver &drv, const char *func, const char *missing_text)
-{
-    g_print("<%s> called\n", func);
-    if (drv.priv == nullptr) {
-        g_print("%s", missing_text);
-        return 0;
-    }
-    g_free(drv.priv);
-    drv.priv = nullptr;
-    return 0;
-}
-
-int driver_log_only(const char *func)
-{
-    g_print("<%s> called\n", func);
-    return 0;
-}
-
 int driver_stub_open(plc_device * /*dev*/)
 {
     return -1;
 }
 
-int driver_stub_read(plc_device * /*dev*/, const char * /*addr*/, uint32_t /*data_type*/,
+int driver_stub_read(plc_device * /*dev*/, char * /*addr*/, uint32_t /*data_type*/,
                      char * /*value*/)
 {
     return -1;

@@ -20,7 +20,7 @@ struct driver {
     // addr is the caller's own copy of the node's address, writable: a driver
     // may rewrite it in place without changing its length (the DVP upper-cases
     // it, and the address is published as the driver left it).
-    int (*read)(plc_device *dev, const char *addr, uint32_t data_type, char *value);
+    int (*read)(plc_device *dev, char *addr, uint32_t data_type, char *value);
     int (*write)(plc_device *dev, const char *addr, uint32_t data_type, const char *value);
     int (*open)(plc_device *dev);
     int (*release)(plc_device *dev);
@@ -54,18 +54,9 @@ driver *device_driver_match(const plc_device *dev);
 
 void *__get_drvdata(const plc_device *dev);
 
-// The lifecycle every driver shares: init registers and probes, deinit
-// unregisters and removes; probe allocates the zeroed private data once.
-int driver_common_init(driver &drv, const char *func);
-int driver_common_deinit(driver &drv, const char *func);
-int driver_common_probe(driver &drv, const char *func, size_t priv_size, const char *present_text);
-int driver_common_remove(driver &drv, const char *func, const char *missing_text);
-// Drivers only log these; the daemon never writes to a PLC.
-int driver_log_only(const char *func);
-
 // Placeholders for operations a driver does not have yet: open and read fail.
 int driver_stub_open(plc_device *dev);
-int driver_stub_read(plc_device *dev, const char *addr, uint32_t data_type, char *value);
+int driver_stub_read(plc_device *dev, char *addr, uint32_t data_type, char *value);
 int driver_stub_release(plc_device *dev);
 int driver_stub_write(plc_device *dev, const char *addr, uint32_t data_type, const char *value);
 int driver_stub_dev(plc_device *dev);

@@ -50,11 +50,8 @@ int modbus_read(modbus_t *ctx, const char *addr, uint32_t data_type, char *value
         snprintf(value, NODE_VALUE_SIZE, "%u", bit);
         return 0;
     }
-    int count = 0;
-    switch (data_type) {
-    case 4: case 5: count = 1; break;
-    case 6: case 7: case 10: count = 2; break;
-    default:
+    const int count = fx5u_register_count(data_type);
+    if (count == 0) {
         put(value, "wrong type");
         return -1;
     }
@@ -63,31 +60,15 @@ int modbus_read(modbus_t *ctx, const char *addr, uint32_t data_type, char *value
         put(value, "read error");
         return -1;
     }
-    const uint32_t d = static_cast<uint32_t>(r[1]) * 65536u + r[0]; // low word first
-    switch (data_type) {
-    case 4: snprintf(value, NODE_VALUE_SIZE, "%u", r[0]); break;
-    case 5: snprintf(value, NODE_VALUE_SIZE, "%d", static_cast<int16_t>(r[0])); break;
-    case 6: snprintf(value, NODE_VALUE_SIZE, "%u", d); break;
-    case 7: snprintf(value, NODE_VALUE_SIZE, "%d", static_cast<int32_t>(d)); break;
-    default: snprintf(value, NODE_VALUE_SIZE, "%f", static_cast<double>(modbus_get_float(r))); break;
-    }
+    fx5u_register_text(data_type, r, value, NODE_VALUE_SIZE);
     return 0;
 }
 
 } // namespace
 
-DRIVER_LIFECYCLE(mitsubishi_fx5u, fx5u_priv, "mitsubishi_fx5u_drv.drv.priv != NULL\n",
-                 "mitsubishi_fx5u_drv.drv.priv = NULL\n")
+DRIVER_LIFECYCLE(mitsubishi_fx5u, fx5u_priv, plain_voice, "mitsubishi_fx5u_drv.drv.priv != NULL\n")
 
 namespace {
-
-fx5u_priv *fx5u_data(const char *func)
-{
-    auto *priv = static_cast<fx5u_priv *>(mitsubishi_fx5u_drv.priv);
-    if (priv == nullptr)
-        g_print("<%s>: Failed to get drvdata\n", func);
-    return priv;
-}
 
 int mitsubishi_fx5u_open(plc_device *dev)
 {
@@ -99,7 +80,7 @@ int mitsubishi_fx5u_open(plc_device *dev)
         puts("connection fail");
         return -1;
     }
-    fx5u_priv *priv = fx5u_data(__func__);
+    fx5u_priv *priv = mitsubishi_fx5u_data(DRIVER_HERE);
     if (priv == nullptr)
         return -1;
     modbus_owner earlier(priv->ctx); // a connection left open by an earlier open
@@ -110,16 +91,16 @@ int mitsubishi_fx5u_open(plc_device *dev)
 
 int mitsubishi_fx5u_release(plc_device *)
 {
-    fx5u_priv *priv = fx5u_data(__func__);
+    fx5u_priv *priv = mitsubishi_fx5u_data(DRIVER_HERE);
     if (priv == nullptr)
         return -1;
     const modbus_owner closing(std::exchange(priv->ctx, nullptr));
     return 0;
 }
 
-int mitsubishi_fx5u_read(plc_device *, const char *addr, uint32_t data_type, char *value)
+int mitsubishi_fx5u_read(plc_device *, char *addr, uint32_t data_type, char *value)
 {
-    fx5u_priv *priv = fx5u_data(__func__);
+    fx5u_priv *priv = mitsubishi_fx5u_data(DRIVER_HERE);
     if (priv == nullptr)
         return -1;
     if (priv->ctx == nullptr) {
@@ -136,15 +117,6 @@ int mitsubishi_fx5u_read(plc_device *, const char *addr, uint32_t data_type, cha
     return ok ? 0 : -1;
 }
 
-
 } // namespace
 
-DRIVER_LOG_ONLY_OPS(mitsubishi_fx5u)
-
-driver mitsubishi_fx5u_drv = {"mitsubishi_fx5u",          1,
-                              DEV_MFG_MITSUBISHI,         DEV_TYPE_FX_5U,
-                              nullptr,                    mitsubishi_fx5u_probe,
-                              mitsubishi_fx5u_remove,     mitsubishi_fx5u_read,
-                              mitsubishi_fx5u_write,      mitsubishi_fx5u_open,
-                              mitsubishi_fx5u_release,    mitsubishi_fx5u_update_params,
-                              mitsubishi_fx5u_save_config};
+DRIVER_DESCRIPTOR(mitsubishi_fx5u, plain_voice, DEV_COMM_ETHERNET, DEV_MFG_MITSUBISHI, DEV_TYPE_FX_5U)

@@ -11,9 +11,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/handles.h"
+#include "codec/mc_3e_codec.h"
 #include "device/driver/driver_lifecycle.h"
 #include "device/driver/driver_modules.h"
-#include "codec/mc_3e_codec.h"
+#include "device/driver/exchange.h"
 #include "device/plc/plc_ethernet.h"
 
 #define Q3E_LOG(fmt, ...) g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d " fmt, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
@@ -21,7 +23,8 @@
 namespace {
 
 struct qna3e_priv {
-    int fd; // -1 while closed
+    int fd;
+    bool connected; // the block starts zeroed: fd is ours only while this is set
 };
 
 constexpr int ANSWER_WAIT_MS = 1000;
@@ -32,34 +35,23 @@ constexpr size_t BUF_SIZE = 1024;
 
 void close_socket(qna3e_priv *priv)
 {
-    if (priv->fd >= 0)
-        close(priv->fd);
-    priv->fd = -1;
+    if (priv->connected)
+        fd_owner{priv->fd}.reset();
+    priv->connected = false;
 }
 
-// One recv for the operation `func`; an error or the peer's close is logged
-// and closes the socket, so that the next open connects anew. The bytes
-// received, or -1.
-ssize_t recv_or_close(qna3e_priv *priv, uint8_t *buf, size_t size, const char *func)
+// A failed or closed read of the operation `func` is logged and closes the
+// socket, so that the next open connects anew; -1. Any other end, 0.
+int closed_on_failure(qna3e_priv *priv, answer_end end, const char *func)
 {
-    const ssize_t n = recv(priv->fd, buf, size, 0);
-    if (n < 0)
+    if (end == answer_end::read_failed)
         g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d recv:%s\n", func, __LINE__, strerror(errno));
-    else if (n == 0)
+    else if (end == answer_end::closed)
         g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "%s:%d recv = 0\n", func, __LINE__);
-    if (n <= 0) {
-        close_socket(priv);
-        return -1;
-    }
-    return n;
-}
-
-// 1 readable, 0 time-out, -1 error (errno set).
-int wait_readable(int fd, int timeout_ms)
-{
-    pollfd p{fd, POLLIN, 0};
-    const int r = poll(&p, 1, timeout_ms);
-    return r < 0 ? -1 : (r == 0 ? 0 : 1);
+    else
+        return 0;
+    close_socket(priv);
+    return -1;
 }
 
 // connect() bounded by CONNECT_WAIT_MS; the socket is blocking again after.
@@ -86,72 +78,24 @@ int connect_bounded(int fd, const sockaddr_in &a)
     return r;
 }
 
-int64_t ms_left(int64_t deadline_us)
-{
-    const int64_t left = (deadline_us - g_get_monotonic_time() + 999) / 1000;
-    return left > 0 ? left : 0;
-}
-
 } // namespace
 
-extern driver mitsubishi_QnA_3E_drv;
-
-static int mitsubishi_QnA_3E_probe()
-{
-    g_print("<%s> called\n", __func__);
-    if (mitsubishi_QnA_3E_drv.priv != nullptr) {
-        Q3E_LOG("mitsubishi_QnA_3E_drv.drv.priv != NULL\n");
-        return 0;
-    }
-    auto *priv = g_try_new0(qna3e_priv, 1);
-    if (priv == nullptr) {
-        Q3E_LOG("drvdata = NULL\n");
-        return -1;
-    }
-    priv->fd = -1;
-    mitsubishi_QnA_3E_drv.priv = priv;
-    return 0;
-}
-
-static int mitsubishi_QnA_3E_remove()
-{
-    g_print("<%s> called\n", __func__);
-    if (mitsubishi_QnA_3E_drv.priv == nullptr) {
-        Q3E_LOG("mitsubishi_QnA_3E_drv.drv.priv = NULL\n");
-        return 0;
-    }
-    g_free(mitsubishi_QnA_3E_drv.priv);
-    mitsubishi_QnA_3E_drv.priv = nullptr;
-    return 0;
-}
-
-int mitsubishi_QnA_3E_init()
-{
-    return driver_common_init(mitsubishi_QnA_3E_drv, __func__);
-}
-
-int mitsubishi_QnA_3E_deinit()
-{
-    return driver_common_deinit(mitsubishi_QnA_3E_drv, __func__);
-}
+DRIVER_LIFECYCLE(mitsubishi_QnA_3E, qna3e_priv, q_3e_voice, "mitsubishi_QnA_3E_drv.drv.priv != NULL\n")
 
 static int mitsubishi_QnA_3E_open(plc_device *dev)
 {
-    g_print("<%s> called\n", __func__);
-    auto *priv = static_cast<qna3e_priv *>(mitsubishi_QnA_3E_drv.priv);
-    if (priv == nullptr) {
-        Q3E_LOG("drvdata = NULL\n");
+    qna3e_priv *priv = mitsubishi_QnA_3E_entered(DRIVER_HERE);
+    if (priv == nullptr)
         return -1;
-    }
     const ethernet_device *eth = as_ethernet(dev);
     if (eth == nullptr || dev->dev_comm_type != DEV_COMM_ETHERNET)
         return -1; // a serial record bound by maker and model has no address
     g_print("%s,dev_id = %d\n", __func__, dev->dev_id);
     g_print("%s,ip = %s\n", __func__, eth->ip_addr.c_str());
     g_print("%s,port = %d\n", __func__, eth->port);
-    if (priv->fd < 0) {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
+    if (!priv->connected) {
+        fd_owner fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (fd.get() < 0) {
             // Reported as success: the read that follows fails at its send.
             Q3E_LOG("socket:%s\n", strerror(errno));
             return 0;
@@ -162,27 +106,27 @@ static int mitsubishi_QnA_3E_open(plc_device *dev)
         inet_aton(eth->ip_addr.c_str(), &a.sin_addr);
         g_print("%s,connecting ... \n", __func__);
         fflush(stdout);
-        if (connect_bounded(fd, a) != 0) {
+        if (connect_bounded(fd.get(), a) != 0) {
             Q3E_LOG("connect:%s\n", strerror(errno));
-            close(fd);
-            priv->fd = -1;
             return -1;
         }
-        priv->fd = fd;
+        priv->fd = fd.release();
+        priv->connected = true;
         g_print("connect successful\n");
     }
-    // Drop whatever arrived since the last exchange.
+    // Drop whatever arrived since the last exchange, a read at a time.
     for (;;) {
-        const int r = wait_readable(priv->fd, 0);
-        if (r < 0) {
+        uint8_t stale[BUF_SIZE];
+        size_t n = 0;
+        const answer_end end = read_until_complete(priv->fd, stale, sizeof stale, n, answer_wait{now_ms()},
+                                                   [](const uint8_t *, size_t) { return true; });
+        if (end == answer_end::wait_failed) {
             Q3E_LOG("select:%s\n", strerror(errno));
             return -1;
         }
-        if (r == 0)
+        if (end == answer_end::time_out)
             return 0;
-        uint8_t stale[BUF_SIZE];
-        const ssize_t n = recv_or_close(priv, stale, sizeof stale, __func__);
-        if (n < 0)
+        if (closed_on_failure(priv, end, __func__) != 0)
             return -1;
         Q3E_LOG("recv = %d\n", static_cast<int>(n));
     }
@@ -190,25 +134,18 @@ static int mitsubishi_QnA_3E_open(plc_device *dev)
 
 static int mitsubishi_QnA_3E_release(plc_device *)
 {
-    g_print("<%s> called\n", __func__);
-    auto *priv = static_cast<qna3e_priv *>(mitsubishi_QnA_3E_drv.priv);
-    if (priv == nullptr) {
-        Q3E_LOG("drvdata = NULL\n");
+    qna3e_priv *priv = mitsubishi_QnA_3E_entered(DRIVER_HERE);
+    if (priv == nullptr)
         return -1;
-    }
     close_socket(priv);
     return 0;
 }
 
-static int mitsubishi_QnA_3E_read(plc_device *dev, const char *addr, uint32_t data_type,
-                                  char *value)
+static int mitsubishi_QnA_3E_read(plc_device *dev, char *addr, uint32_t data_type, char *value)
 {
-    g_print("<%s> called\n", __func__);
-    auto *priv = static_cast<qna3e_priv *>(mitsubishi_QnA_3E_drv.priv);
-    if (priv == nullptr) {
-        Q3E_LOG("drvdata = NULL\n");
+    qna3e_priv *priv = mitsubishi_QnA_3E_entered(DRIVER_HERE);
+    if (priv == nullptr)
         return -1;
-    }
     snprintf(value, NODE_VALUE_SIZE, "%s", "read err");
     g_print("dev_id = %d\n", dev->dev_id);
     g_print("addrin = %s\n", addr);
@@ -229,9 +166,10 @@ static int mitsubishi_QnA_3E_read(plc_device *dev, const char *addr, uint32_t da
     const int len = output_hex_MC_bulk_read_msg(&msg, request, sizeof request);
     if (len < 0)
         return -1;
-    if (priv->fd < 0)
+    if (!priv->connected)
         errno = EBADF; // the socket could not even be created in open
-    const ssize_t sent = priv->fd < 0 ? -1 : send(priv->fd, request, static_cast<size_t>(len), MSG_NOSIGNAL);
+    const ssize_t sent =
+        priv->connected ? send(priv->fd, request, static_cast<size_t>(len), MSG_NOSIGNAL) : -1;
     if (sent < 0) {
         Q3E_LOG("send:%s\n", strerror(errno));
         close_socket(priv);
@@ -240,30 +178,28 @@ static int mitsubishi_QnA_3E_read(plc_device *dev, const char *addr, uint32_t da
     g_print("send num = %d\n", static_cast<int>(sent));
     print_hex(request, static_cast<size_t>(len));
     // The answer may come in several segments: it is gathered until it is
-    // as long as its header says, all within the one answer wait.
+    // as long as its header says, all within the one answer wait. An answer
+    // claiming more than the buffer is no one-point answer: the check below
+    // refuses it without waiting for the rest.
     uint8_t response[BUF_SIZE] = {};
     size_t n = 0;
-    size_t claimed = 0;
-    const int64_t deadline = g_get_monotonic_time() + int64_t{ANSWER_WAIT_MS} * 1000;
-    do {
-        const int r = wait_readable(priv->fd, static_cast<int>(ms_left(deadline)));
-        if (r < 0) {
-            Q3E_LOG("select:%s\n", strerror(errno));
-            return -1;
-        }
-        if (r == 0) {
-            g_print("select = 0\n");
-            close_socket(priv);
-            return -1;
-        }
-        const ssize_t got = recv_or_close(priv, response + n, sizeof response - n, __func__);
-        if (got < 0)
-            return -1;
-        n += static_cast<size_t>(got);
-        // An answer claiming more than the buffer is no one-point answer:
-        // the check below refuses it without waiting for the rest.
-        claimed = MC_response_claimed_size(response, n);
-    } while (claimed == 0 || (claimed > n && claimed <= sizeof response));
+    const answer_end end = read_until_complete(
+        priv->fd, response, sizeof response, n, answer_wait{now_ms() + ANSWER_WAIT_MS},
+        [](const uint8_t *r, size_t got) {
+            const size_t claimed = MC_response_claimed_size(r, got);
+            return claimed != 0 && (claimed <= got || claimed > BUF_SIZE);
+        });
+    if (end == answer_end::wait_failed) {
+        Q3E_LOG("select:%s\n", strerror(errno));
+        return -1;
+    }
+    if (end == answer_end::time_out) {
+        g_print("select = 0\n");
+        close_socket(priv);
+        return -1;
+    }
+    if (closed_on_failure(priv, end, __func__) != 0)
+        return -1;
     g_print("recv num = %d\n", static_cast<int>(n));
     print_hex(response, n);
     if (analyze_MC_response(response, n, &msg) != 0)
@@ -281,12 +217,4 @@ static int mitsubishi_QnA_3E_read(plc_device *dev, const char *addr, uint32_t da
 }
 
 
-DRIVER_LOG_ONLY_OPS(mitsubishi_QnA_3E)
-
-driver mitsubishi_QnA_3E_drv = {"mitsubishi_QnA_3E",        1,
-                                DEV_MFG_MITSUBISHI,         DEV_TYPE_QNA_3E,
-                                nullptr,                    mitsubishi_QnA_3E_probe,
-                                mitsubishi_QnA_3E_remove,   mitsubishi_QnA_3E_read,
-                                mitsubishi_QnA_3E_write,    mitsubishi_QnA_3E_open,
-                                mitsubishi_QnA_3E_release,  mitsubishi_QnA_3E_update_params,
-                                mitsubishi_QnA_3E_save_config};
+DRIVER_DESCRIPTOR(mitsubishi_QnA_3E, q_3e_voice, DEV_COMM_ETHERNET, DEV_MFG_MITSUBISHI, DEV_TYPE_QNA_3E)

@@ -33,13 +33,10 @@ void put(char *value, const char *text)
     snprintf(value, NODE_VALUE_SIZE, "%s", text);
 }
 
-int s7_open(driver &drv, const char *func, plc_device *dev)
+int s7_open(s7_priv *priv, plc_device *dev)
 {
-    auto *priv = static_cast<s7_priv *>(drv.priv);
-    if (priv == nullptr) {
-        g_print("<%s>: Failed to get drvdata\n", func);
+    if (priv == nullptr)
         return -1;
-    }
     const ethernet_device *eth = as_ethernet(dev);
     if (eth == nullptr || dev->dev_comm_type != DEV_COMM_ETHERNET)
         return -1; // a serial record bound by maker and model has no address
@@ -54,13 +51,10 @@ int s7_open(driver &drv, const char *func, plc_device *dev)
     return 0;
 }
 
-int s7_release(driver &drv, const char *func)
+int s7_release(s7_priv *priv)
 {
-    auto *priv = static_cast<s7_priv *>(drv.priv);
-    if (priv == nullptr) {
-        g_print("<%s>: Failed to get drvdata\n", func);
+    if (priv == nullptr)
         return -1;
-    }
     const s7_client_owner closing(std::exchange(priv->client, 0)); // clears the slot
     return 0;
 }
@@ -106,36 +100,19 @@ int snap7_read(S7Object client, const s7_variant &v, const char *addr, uint32_t 
     return 0;
 }
 
-int s7_read(driver &drv, const char *func, const s7_variant &v, const char *addr,
-            uint32_t data_type, char *value)
-{
-    auto *priv = static_cast<s7_priv *>(drv.priv);
-    if (priv == nullptr) {
-        g_print("<%s>: Failed to get drvdata\n", func);
-        return -1;
-    }
-    return snap7_read(priv->client, v, addr, data_type, value);
-}
-
 } // namespace
 
 // The operations of one model of the family.
-#define S7_DRIVER(name, type, variant, present_text)                                           \
-    DRIVER_LIFECYCLE(name, s7_priv, present_text, #name "_drv.drv.priv = NULL\n")               \
-    namespace {                                                                                \
-    int name##_open(plc_device *dev) { return s7_open(name##_drv, __func__, dev); }            \
-    int name##_release(plc_device *) { return s7_release(name##_drv, __func__); }              \
-    int name##_read(plc_device *, const char *addr, uint32_t data_type, char *value)           \
-    {                                                                                          \
-        return s7_read(name##_drv, __func__, variant, addr, data_type, value);                 \
-    }                                                                                          \
-    }                                                                                          \
-    DRIVER_LOG_ONLY_OPS(name)                                                                  \
-    driver name##_drv = {#name,          1,                       DEV_MFG_SIEMENS,             \
-                         type,           nullptr,                 name##_probe,                \
-                         name##_remove,  name##_read,             name##_write,                \
-                         name##_open,    name##_release,          name##_update_params,        \
-                         name##_save_config};
+#define S7_DRIVER(name, type, variant, present_text)                                             \
+    DRIVER_LIFECYCLE(name, s7_priv, plain_voice, present_text)                                   \
+    static int name##_open(plc_device *dev) { return s7_open(name##_data(DRIVER_HERE), dev); }   \
+    static int name##_release(plc_device *) { return s7_release(name##_data(DRIVER_HERE)); }     \
+    static int name##_read(plc_device *, char *addr, uint32_t data_type, char *value)            \
+    {                                                                                            \
+        const s7_priv *priv = name##_data(DRIVER_HERE);                                          \
+        return priv == nullptr ? -1 : snap7_read(priv->client, variant, addr, data_type, value); \
+    }                                                                                            \
+    DRIVER_DESCRIPTOR(name, plain_voice, DEV_COMM_ETHERNET, DEV_MFG_SIEMENS, type)
 
 S7_DRIVER(siemens_s7_200smart, DEV_TYPE_S7_200_SMART, smart_200,
           "siemens_s7_200smart_drv.drv.priv != NULL\n")

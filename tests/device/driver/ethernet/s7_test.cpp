@@ -50,7 +50,7 @@ protected:
         return device_driver_match(&probe);
     }
     // Opens, reads one address, releases; the result and the value text.
-    std::pair<int, std::string> read_once(uint32_t type, const char *addr, uint32_t data_type,
+    std::pair<int, std::string> read_once(uint32_t type, std::string addr, uint32_t data_type,
                                           const char *initial = "")
     {
         ethernet_device *dev = ethernet_device_create(1, "plc", 1, 2, type, "127.0.0.1", 102, 0, 1);
@@ -60,7 +60,7 @@ protected:
         int r = -100;
         dstest::capture_output([&] {
             if (dev->driver->open(dev) == 0) {
-                r = dev->driver->read(dev, addr, data_type, value);
+                r = dev->driver->read(dev, addr.data(), data_type, value);
                 dev->driver->release(dev);
             }
         });

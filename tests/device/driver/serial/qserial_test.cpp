@@ -196,9 +196,9 @@ TEST_F(QSerialDriver, LifecycleAndLogOnlyOperations)
 
     drv().remove();
     EXPECT_EQ(drv().priv, nullptr);
-    char value[NODE_VALUE_SIZE] = "untouched";
+    char addr[] = "D100", value[NODE_VALUE_SIZE] = "untouched";
     EXPECT_EQ(drv().open(dev_), -1);
-    EXPECT_EQ(drv().read(dev_, "D100", 5, value), -1);
+    EXPECT_EQ(drv().read(dev_, addr, 5, value), -1);
     EXPECT_EQ(drv().release(dev_), -1);
     EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_release:"));
     EXPECT_TRUE(logs_.contains(" drvdata = NULL\n"));

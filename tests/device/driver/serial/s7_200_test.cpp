@@ -162,8 +162,8 @@ TEST_F(S7200Driver, OpenAndLifecycle)
     drv().remove();
     c = capture_output([&] {
         EXPECT_EQ(drv().release(dev_), -1);
-        char value[NODE_VALUE_SIZE] = "";
-        EXPECT_EQ(drv().read(dev_, "VW100", 4, value), -1);
+        char addr[] = "VW100", value[NODE_VALUE_SIZE] = "";
+        EXPECT_EQ(drv().read(dev_, addr, 4, value), -1);
         drv().remove();
         EXPECT_EQ(drv().probe(), 0);
         EXPECT_EQ(drv().probe(), 0);
