@@ -480,51 +480,47 @@ std::string result_text(std::string_view method, int code)
 
 GVariant *serial_array(const std::vector<SerialDevice> &devices)
 {
-    GVariantBuilder b;
-    g_variant_builder_init(&b, G_VARIANT_TYPE("a(uuuusuuuuuuu)"));
+    gvariant_builder b(G_VARIANT_TYPE("a(uuuusuuuuuuu)"));
     for (const auto &d : devices)
-        g_variant_builder_add(&b, "(uuuusuuuuuuu)", d.dev_id, 0u, d.dev_mfg, d.dev_type,
+        g_variant_builder_add(b.get(), "(uuuusuuuuuuu)", d.dev_id, 0u, d.dev_mfg, d.dev_type,
                               d.dev_name.c_str(), d.station_num, d.serial_type, d.serial_number,
                               d.baudrate, d.data_bit, d.stop_bit, d.parity_bit);
-    return g_variant_builder_end(&b);
+    return b.end();
 }
 
 GVariant *ethernet_array(const std::vector<EthernetDevice> &devices)
 {
-    GVariantBuilder b;
-    g_variant_builder_init(&b, G_VARIANT_TYPE("a(uuuussuuu)"));
+    gvariant_builder b(G_VARIANT_TYPE("a(uuuussuuu)"));
     for (const auto &d : devices)
-        g_variant_builder_add(&b, "(uuuussuuu)", d.dev_id, 1u, d.dev_mfg, d.dev_type,
+        g_variant_builder_add(b.get(), "(uuuussuuu)", d.dev_id, 1u, d.dev_mfg, d.dev_type,
                               d.dev_name.c_str(), d.ip_addr.c_str(), d.port, d.rack, d.slot);
-    return g_variant_builder_end(&b);
+    return b.end();
 }
 
 GVariant *node_array(const std::vector<Node> &nodes)
 {
-    GVariantBuilder b;
-    g_variant_builder_init(&b, G_VARIANT_TYPE("a(suussusubbuuiuuiss)"));
+    gvariant_builder b(G_VARIANT_TYPE("a(suussusubbuuiuuiss)"));
     for (const auto &n : nodes)
         g_variant_builder_add(
-            &b, "(suussusubbuuiuuiss)", n.dev_name.c_str(), n.dev_id, n.node_id,
+            b.get(), "(suussusubbuuiuuiss)", n.dev_name.c_str(), n.dev_id, n.node_id,
             n.node_name.c_str(), n.node_addr.c_str(), n.node_data_type, n.node_unit.c_str(),
             n.node_permission, static_cast<gboolean>(n.node_report_enable),
             static_cast<gboolean>(n.node_alarm_enable), n.node_alarm_bit,
             n.node_alarm_condition_major, n.node_alarm_value_major, n.node_alarm_operation_type,
             n.node_alarm_condition_minor, n.node_alarm_value_minor, n.node_alarm_content.c_str(),
             n.node_description.c_str());
-    return g_variant_builder_end(&b);
+    return b.end();
 }
 
 bool parse_config(const std::string &file, std::string_view text, Config &out, std::string &err)
 {
     gobject_owner<JsonParser> parser(json_parser_new());
-    GError *error = nullptr;
+    gerror_owner error;
     if (!json_parser_load_from_data(parser.get(), text.data(), static_cast<gssize>(text.size()),
-                                    &error)) {
+                                    out_ptr(error))) {
         // json-glib names the place as "<data>:LINE:COLUMN: ..."; the file's
         // name takes the place of "<data>".
-        std::string msg = error != nullptr ? error->message : "not JSON";
-        g_clear_error(&error);
+        std::string msg = error ? error->message : "not JSON";
         if (msg.rfind("<data>", 0) == 0)
             msg.erase(0, 6);
         else

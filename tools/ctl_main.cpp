@@ -126,17 +126,14 @@ bool parse_args(const std::vector<std::string> &args, const std::set<std::string
 
 bool load_config(const std::string &path, ctl::Config &cfg, std::string &err)
 {
-    gchar *text = nullptr;
+    gchar_owner text;
     gsize len = 0;
-    GError *error = nullptr;
-    if (!g_file_get_contents(path.c_str(), &text, &len, &error)) {
+    gerror_owner error;
+    if (!g_file_get_contents(path.c_str(), out_ptr(text), &len, out_ptr(error))) {
         err = error->message;
-        g_error_free(error);
         return false;
     }
-    const bool ok = ctl::parse_config(path, std::string_view(text, len), cfg, err);
-    g_free(text);
-    return ok;
+    return ctl::parse_config(path, std::string_view(text.get(), len), cfg, err);
 }
 
 std::string counted(size_t n, const char *what)
@@ -248,12 +245,11 @@ bool plan(const std::string &cmd, const Parsed &p, std::vector<Call> &calls, std
         }
         calls.push_back({"nodeTableDelMulti", counted(ids.size(), "node"),
                          [ids](GatewayDeviceService *px, gint *code, GError **e) {
-                             GVariantBuilder b;
-                             g_variant_builder_init(&b, G_VARIANT_TYPE("a(u)"));
+                             gvariant_builder b(G_VARIANT_TYPE("a(u)"));
                              for (uint32_t id : ids)
-                                 g_variant_builder_add(&b, "(u)", id);
+                                 g_variant_builder_add(b.get(), "(u)", id);
                              return gateway_device_service_call_node_table_del_multi_sync(
-                                 px, g_variant_builder_end(&b), code, nullptr, e);
+                                 px, b.end(), code, nullptr, e);
                          }});
         return true;
     }
@@ -310,23 +306,21 @@ bool plan(const std::string &cmd, const Parsed &p, std::vector<Call> &calls, std
     return true;
 }
 
-GDBusConnection *connect_bus(const std::string &address, std::string &err)
+gobject_owner<GDBusConnection> connect_bus(const std::string &address, std::string &err)
 {
-    GError *error = nullptr;
-    GDBusConnection *c = nullptr;
+    gerror_owner error;
+    gobject_owner<GDBusConnection> c;
     if (address.empty())
-        c = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+        c.reset(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, out_ptr(error)));
     else
-        c = g_dbus_connection_new_for_address_sync(
+        c.reset(g_dbus_connection_new_for_address_sync(
             address.c_str(),
             static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &error);
-    if (c == nullptr) {
+            nullptr, nullptr, out_ptr(error)));
+    if (c == nullptr)
         err = std::string("cannot reach the session bus") +
               (address.empty() ? "" : " at " + address) + ": " + error->message;
-        g_error_free(error);
-    }
     return c;
 }
 
@@ -337,9 +331,8 @@ int run_calls(GatewayDeviceService *proxy, const std::vector<Call> &calls)
         const std::string label =
             std::string(c.method) + (c.what.empty() ? "" : " (" + c.what + ")");
         gint code = 0;
-        GError *raw = nullptr;
-        const bool answered = c.run(proxy, &code, &raw) != FALSE;
-        gerror_owner error(raw);
+        gerror_owner error;
+        const bool answered = c.run(proxy, &code, out_ptr(error)) != FALSE;
         if (!answered) {
             std::string why = "no answer";
             if (error && g_error_matches(error.get(), G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN)) {
@@ -382,11 +375,10 @@ void on_nodes(GatewayDeviceService *, GVariant *cycle, gpointer data)
                     g_variant_get_type_string(cycle));
             return;
         }
-        GDateTime *now = g_date_time_new_now_local();
+        const c_owner<GDateTime, g_date_time_unref> now(g_date_time_new_now_local());
         ++m->seen;
-        const std::string text = m->json ? ctl::cycle_json(devices, m->seen, now) + "\n"
-                                         : ctl::cycle_table(devices, m->seen, now) + "\n";
-        g_date_time_unref(now);
+        const std::string text = m->json ? ctl::cycle_json(devices, m->seen, now.get()) + "\n"
+                                         : ctl::cycle_table(devices, m->seen, now.get()) + "\n";
         fputs(text.c_str(), stdout);
         fflush(stdout);
     } catch (...) {
@@ -400,10 +392,9 @@ void on_nodes(GatewayDeviceService *, GVariant *cycle, gpointer data)
 
 void on_owner(GObject *proxy, GParamSpec *, gpointer)
 {
-    gchar *owner = g_dbus_proxy_get_name_owner(G_DBUS_PROXY(proxy));
-    fprintf(stderr, owner != nullptr ? "device-service-ctl: device-service is on the bus\n"
-                                     : "device-service-ctl: device-service left the bus; waiting\n");
-    g_free(owner);
+    const gchar_owner owner(g_dbus_proxy_get_name_owner(G_DBUS_PROXY(proxy)));
+    fprintf(stderr, owner ? "device-service-ctl: device-service is on the bus\n"
+                          : "device-service-ctl: device-service left the bus; waiting\n");
 }
 
 void on_closed(GDBusConnection *, gboolean, GError *, gpointer data)
@@ -416,18 +407,16 @@ void on_closed(GDBusConnection *, gboolean, GError *, gpointer data)
 
 int monitor(GDBusConnection *conn, GatewayDeviceService *proxy, Monitor &m)
 {
-    m.loop = g_main_loop_new(nullptr, FALSE);
+    const c_owner<GMainLoop, g_main_loop_unref> loop(g_main_loop_new(nullptr, FALSE));
+    m.loop = loop.get();
     g_signal_connect(proxy, "nodes", G_CALLBACK(on_nodes), &m);
     g_signal_connect(proxy, "notify::g-name-owner", G_CALLBACK(on_owner), nullptr);
     g_signal_connect(conn, "closed", G_CALLBACK(on_closed), &m);
-    gchar *owner = g_dbus_proxy_get_name_owner(G_DBUS_PROXY(proxy));
-    if (owner == nullptr)
+    if (!gchar_owner(g_dbus_proxy_get_name_owner(G_DBUS_PROXY(proxy))))
         fprintf(stderr, "device-service-ctl: device-service is not on the bus yet; waiting\n");
-    g_free(owner);
     g_main_loop_run(m.loop);
     g_signal_handlers_disconnect_by_data(conn, &m);
     g_signal_handlers_disconnect_by_data(proxy, &m);
-    g_main_loop_unref(m.loop);
     return m.rc;
 }
 
@@ -483,16 +472,15 @@ int run(std::vector<std::string> args)
         return EXIT_DONE;
     }
 
-    gobject_owner<GDBusConnection> conn(connect_bus(address, err));
+    const gobject_owner<GDBusConnection> conn = connect_bus(address, err);
     if (!conn) {
         fprintf(stderr, "device-service-ctl: %s\n", err.c_str());
         return EXIT_BUS;
     }
-    GError *raw = nullptr;
+    gerror_owner error;
     gobject_owner<GatewayDeviceService> proxy(
         gateway_device_service_proxy_new_sync(conn.get(), G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES,
-                                              BUS_NAME, OBJECT_PATH, nullptr, &raw));
-    gerror_owner error(raw);
+                                              BUS_NAME, OBJECT_PATH, nullptr, out_ptr(error)));
     if (!proxy) {
         fprintf(stderr, "device-service-ctl: %s\n", error->message);
         return EXIT_BUS;

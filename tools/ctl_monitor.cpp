@@ -13,10 +13,8 @@ namespace {
 
 std::string local_time(GDateTime *when, const char *format)
 {
-    gchar *s = g_date_time_format(when, format);
-    std::string out = s != nullptr ? s : "";
-    g_free(s);
-    return out;
+    const gchar_owner s(g_date_time_format(when, format));
+    return s ? s.get() : "";
 }
 
 // Pads by characters, not bytes: names may hold any UTF-8.
@@ -35,28 +33,23 @@ bool decode_cycle(GVariant *cycle, std::vector<DeviceValues> &out)
         return false;
     GVariantIter devs;
     g_variant_iter_init(&devs, cycle);
-    GVariant *dev = nullptr;
-    while ((dev = g_variant_iter_next_value(&devs)) != nullptr) {
+    while (const gvariant_owner dev{g_variant_iter_next_value(&devs)}) {
         DeviceValues d;
         const gchar *name = nullptr;
-        GVariant *boxed = nullptr;
-        g_variant_get(dev, "(u&suuv)", &d.dev_id, &name, &d.dev_mfg, &d.dev_type, &boxed);
+        GVariant *raw = nullptr;
+        g_variant_get(dev.get(), "(u&suuv)", &d.dev_id, &name, &d.dev_mfg, &d.dev_type, &raw);
+        const gvariant_owner boxed(raw);
         d.dev_name = name;
-        const bool shaped = g_variant_is_of_type(boxed, G_VARIANT_TYPE("a(ssus)"));
-        if (shaped) {
-            GVariantIter nodes;
-            g_variant_iter_init(&nodes, boxed);
-            const gchar *n = nullptr, *a = nullptr, *v = nullptr;
-            guint32 type = 0;
-            while (g_variant_iter_next(&nodes, "(&s&su&s)", &n, &a, &type, &v))
-                d.nodes.push_back({n, a, type, v});
-        }
-        g_variant_unref(boxed);
-        g_variant_unref(dev);
-        if (!shaped) {
+        if (!g_variant_is_of_type(boxed.get(), G_VARIANT_TYPE("a(ssus)"))) {
             out.clear();
             return false;
         }
+        GVariantIter nodes;
+        g_variant_iter_init(&nodes, boxed.get());
+        const gchar *n = nullptr, *a = nullptr, *v = nullptr;
+        guint32 type = 0;
+        while (g_variant_iter_next(&nodes, "(&s&su&s)", &n, &a, &type, &v))
+            d.nodes.push_back({n, a, type, v});
         out.push_back(std::move(d));
     }
     return true;
@@ -104,9 +97,7 @@ std::string cycle_json(const std::vector<DeviceValues> &devices, unsigned number
     member("cycle");
     json_builder_add_int_value(b.get(), number);
     member("time");
-    gchar *iso = g_date_time_format_iso8601(when);
-    json_builder_add_string_value(b.get(), iso);
-    g_free(iso);
+    json_builder_add_string_value(b.get(), gchar_owner(g_date_time_format_iso8601(when)).get());
     member("devices");
     json_builder_begin_array(b.get());
     for (const auto &d : devices) {
@@ -146,11 +137,9 @@ std::string cycle_json(const std::vector<DeviceValues> &devices, unsigned number
     gobject_owner<JsonGenerator> gen(json_generator_new());
     JsonNode *root = json_builder_get_root(b.get());
     json_generator_set_root(gen.get(), root);
-    gchar *text = json_generator_to_data(gen.get(), nullptr);
-    std::string out = text;
-    g_free(text);
+    const gchar_owner text(json_generator_to_data(gen.get(), nullptr));
     json_node_unref(root);
-    return out;
+    return text.get();
 }
 
 } // namespace ctl

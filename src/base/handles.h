@@ -31,6 +31,28 @@ struct c_deleter {
 template <typename T, auto Free>
 using c_owner = std::unique_ptr<T, c_deleter<Free>>;
 
+// Lets a C function fill an owner through its out parameter:
+// `f(..., out_ptr(owner))`; the owner takes the pointer at the end of the call's
+// full expression, whatever the function answered.
+template <typename Owner>
+class out_param {
+public:
+    explicit out_param(Owner &owner) : owner_(owner) {}
+    ~out_param() { owner_.reset(raw_); }
+    out_param(const out_param &) = delete;
+    out_param &operator=(const out_param &) = delete;
+    operator typename Owner::pointer *() { return &raw_; }
+
+private:
+    Owner &owner_;
+    typename Owner::pointer raw_ = nullptr;
+};
+template <typename Owner>
+out_param<Owner> out_ptr(Owner &owner)
+{
+    return out_param<Owner>(owner);
+}
+
 // GObject and its descendants (bus connections, proxies, skeletons, parsers).
 struct gobject_deleter {
     void operator()(gpointer p) const noexcept

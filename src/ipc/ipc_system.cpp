@@ -1,32 +1,31 @@
 #include "ipc/ipc_system.h"
 
 #include <initializer_list>
+#include <utility>
+
+#include "base/handles.h"
 
 GatewaySystemService *systemService_proxy = nullptr;
 
 GatewaySystemService *create_systemService_proxy()
 {
-    GError *error = nullptr;
-    GatewaySystemService *proxy = gateway_system_service_proxy_new_for_bus_sync(
+    gerror_owner error;
+    gobject_owner<GatewaySystemService> proxy(gateway_system_service_proxy_new_for_bus_sync(
         G_BUS_TYPE_SESSION, G_DBUS_PROXY_FLAGS_NONE, "com.fernwick.SystemService",
-        "/com/fernwick/SystemService", nullptr, &error);
+        "/com/fernwick/SystemService", nullptr, out_ptr(error)));
     if (proxy == nullptr) {
         // A service that cannot reach the system service does not go on:
         // error level ends the process.
-        g_error("%s:%d FALSE : %s\n", __func__, __LINE__,
-                error != nullptr ? error->message : "unknown");
+        g_error("%s:%d FALSE : %s\n", __func__, __LINE__, error ? error->message : "unknown");
     }
     destroy_systemService_proxy();
-    systemService_proxy = proxy;
-    return proxy;
+    systemService_proxy = proxy.release();
+    return systemService_proxy;
 }
 
 void destroy_systemService_proxy()
 {
-    if (systemService_proxy != nullptr) {
-        g_object_unref(systemService_proxy);
-        systemService_proxy = nullptr;
-    }
+    const gobject_owner<GatewaySystemService> gone(std::exchange(systemService_proxy, nullptr));
 }
 
 namespace {
@@ -41,12 +40,11 @@ bool begin_call(const char *func, int line)
     return true;
 }
 
-bool call_went_through(const char *func, int line, gboolean ok, GError *error)
+bool call_went_through(const char *func, int line, gboolean ok, const gerror_owner &error)
 {
     if (ok)
         return true;
-    g_warning("%s:%d FALSE : %s\n", func, line, error != nullptr ? error->message : "unknown");
-    g_clear_error(&error);
+    g_warning("%s:%d FALSE : %s\n", func, line, error ? error->message : "unknown");
     return false;
 }
 
@@ -65,17 +63,17 @@ bool all_texts(std::initializer_list<const gchar *> texts)
 // logs, and leaves the wrapper on failure with -1. IPC_CALL_IF first
 // requires `args_ok`: the wrapper's pointers (records, their texts, outs)
 // are there, since the generated call would crash on a null one.
-#define IPC_CALL_IF(args_ok, method, ...)                                                       \
-    if (!begin_call(__func__, __LINE__))                                                        \
-        return -1;                                                                              \
-    if (!(args_ok)) {                                                                           \
-        g_warning("%s:%d invalid argument\n", __func__, __LINE__);                              \
-        return -1;                                                                              \
-    }                                                                                           \
-    GError *error = nullptr;                                                                    \
-    const gboolean went_through = gateway_system_service_call_##method##_sync(                  \
-        systemService_proxy, __VA_ARGS__ __VA_OPT__(, ) nullptr, &error);                       \
-    if (!call_went_through(__func__, __LINE__, went_through, error))                            \
+#define IPC_CALL_IF(args_ok, method, ...)                                                   \
+    if (!begin_call(__func__, __LINE__))                                                    \
+        return -1;                                                                          \
+    if (!(args_ok)) {                                                                       \
+        g_warning("%s:%d invalid argument\n", __func__, __LINE__);                          \
+        return -1;                                                                          \
+    }                                                                                       \
+    gerror_owner error;                                                                     \
+    const gboolean went_through = gateway_system_service_call_##method##_sync(              \
+        systemService_proxy, __VA_ARGS__ __VA_OPT__(, ) nullptr, out_ptr(error));           \
+    if (!call_went_through(__func__, __LINE__, went_through, error))                        \
         return -1;
 #define IPC_CALL(method, ...) IPC_CALL_IF(true, method __VA_OPT__(, ) __VA_ARGS__)
 

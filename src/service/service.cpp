@@ -19,6 +19,7 @@
 #include "database/restore.h"
 #include "device/driver/driver_modules.h"
 #include "config/plc_dispatch.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "service/system_notify.h"
 
@@ -31,8 +32,8 @@ constexpr char ZORV_SERVICE_NAME[] = "com.fernwick.ZorvService";
 
 int daemonize(const char *pid_file)
 {
-    int fd = open(pid_file, O_RDWR | O_CREAT, 0644);
-    if (fd < 0) {
+    fd_owner fd(open(pid_file, O_RDWR | O_CREAT, 0644));
+    if (fd.get() < 0) {
         g_log(nullptr, G_LOG_LEVEL_CRITICAL, "can't open %s: %s\n", pid_file, strerror(errno));
         return -1;
     }
@@ -41,23 +42,26 @@ int daemonize(const char *pid_file)
     fl.l_whence = SEEK_SET;
     fl.l_start = 0;
     fl.l_len = 0;
-    if (fcntl(fd, F_SETLK, &fl) < 0) {
+    if (fcntl(fd.get(), F_SETLK, &fl) < 0) {
         const int err = errno;
         // Only a lock held by someone else closes the descriptor; on any other
         // error it stays open, as it always has.
-        if (err == EACCES || err == EAGAIN)
-            close(fd);
+        if (err != EACCES && err != EAGAIN)
+            fd.release();
         g_log(nullptr, G_LOG_LEVEL_CRITICAL, "can't lock %s: %s\n", pid_file, strerror(err));
         return -1;
     }
-    if (ftruncate(fd, 0) != 0)
+    // From here on the descriptor stays open: on success the lock lives as
+    // long as the process.
+    const int locked = fd.release();
+    if (ftruncate(locked, 0) != 0)
         return -1;
     char buf[32];
     const int len = snprintf(buf, sizeof buf, "%u", static_cast<unsigned>(getpid()));
     // The text goes out with its terminating NUL: readers of this file expect it.
-    if (write(fd, buf, static_cast<size_t>(len) + 1) < 0)
+    if (write(locked, buf, static_cast<size_t>(len) + 1) < 0)
         return -1;
-    return 0; // the descriptor stays open: the lock lives as long as the process
+    return 0;
 }
 
 void sigroutine(int signo)
@@ -76,11 +80,11 @@ gboolean on_sigterm(gpointer /*user_data*/)
 
 void on_name_acquired(GDBusConnection *connection, const gchar * /*name*/, gpointer /*user_data*/)
 {
-    GatewayDeviceService *sk = gateway_device_service_skeleton_new();
-    skeleton.store(sk);
-    connect_device_service_handlers(sk);
-    g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(sk), connection, SERVICE_PATH,
-                                     nullptr);
+    gobject_owner<GatewayDeviceService> sk(gateway_device_service_skeleton_new());
+    connect_device_service_handlers(sk.get());
+    g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(sk.get()), connection,
+                                     SERVICE_PATH, nullptr);
+    skeleton.store(sk.release()); // before the reading thread that emits on it
     pthread_t tid;
     if (pthread_create(&tid, nullptr, thread_start, nullptr) == -1) {
         g_print("pthread_create fail,exit -1\n");
@@ -92,9 +96,8 @@ void on_name_acquired(GDBusConnection *connection, const gchar * /*name*/, gpoin
 void on_name_lost(GDBusConnection * /*connection*/, const gchar *name, gpointer /*user_data*/)
 {
     g_print("Lost the name %s on the session bus,exit -1\n", name);
-    GatewayDeviceService *sk = skeleton.exchange(nullptr);
-    if (sk != nullptr)
-        g_object_unref(sk);
+    // Released here: exit does not unwind this frame.
+    gobject_owner<GatewayDeviceService>{skeleton.exchange(nullptr)};
     exit(-1);
 }
 
@@ -175,11 +178,10 @@ int service_main(const service_paths &paths, void (*after_init_driver)())
                      device_on_zorvService_appeared, device_on_zorvService_vanished, nullptr,
                      nullptr);
 
-    GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
-    g_main_loop_run(loop);
+    const c_owner<GMainLoop, g_main_loop_unref> loop(g_main_loop_new(nullptr, FALSE));
+    g_main_loop_run(loop.get());
 
     deinit_driver();
-    g_main_loop_unref(loop);
     g_message("stop service, ppid/pid:[%u/%u]\n", static_cast<unsigned>(getppid()),
               static_cast<unsigned>(getpid()));
     log_deinit();
