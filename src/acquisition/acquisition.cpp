@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "acquisition/node_array.h"
@@ -118,7 +119,7 @@ bool run_cycle(cycle_buffers &buf)
     GSList *cur = nullptr;
     bool first = true;
     for (;;) {
-        plc_device *dev = nullptr;
+        std::unique_ptr<plc_device> dev;
         {
             std::unique_lock<std::mutex> lock(node_table_slist_mutex);
             if (List_Change_Flag.load() != 0) {
@@ -132,24 +133,21 @@ bool run_cycle(cycle_buffers &buf)
             if (cur == nullptr)
                 break;
             const auto *live = static_cast<const plc_device *>(cur->data);
-            dev = copy_device(live);
+            dev.reset(copy_device(live));
             if (dev == nullptr)
                 break; // a record of unknown kind ends this cycle's walk
             dev->driver = live->driver;
         }
 
         buf.nodes.clear();
-        if (dev->driver->open(dev) == 0) {
-            if (read_device_nodes(dev, buf.rd, buf.nodes) == pass_result::aborted) {
-                dev->driver->release(dev);
-                device_free(dev);
+        if (dev->driver->open(dev.get()) == 0) {
+            const pass_result pass = read_device_nodes(dev.get(), buf.rd, buf.nodes);
+            dev->driver->release(dev.get());
+            if (pass == pass_result::aborted)
                 return false;
-            }
-            dev->driver->release(dev);
         }
         g_variant_builder_add(cycle.get(), "(usuu@v)", dev->dev_id, dev->dev_name.c_str(), dev->dev_mfg,
                               dev->dev_type, g_variant_new_variant(buf.nodes.end()));
-        device_free(dev);
 
         if (List_Change_Flag.load() != 0) {
             g_print("-----------------Abort 3-------------------------\n");
@@ -158,12 +156,9 @@ bool run_cycle(cycle_buffers &buf)
         }
     }
 
-    GVariant *value = cycle.end();
-    GatewayDeviceService *sk = skeleton.load();
-    if (sk != nullptr)
-        gateway_device_service_emit_nodes(sk, value);
-    else
-        g_variant_unref(g_variant_ref_sink(value));
+    const gvariant_owner value(g_variant_ref_sink(cycle.end()));
+    if (GatewayDeviceService *sk = skeleton.load())
+        gateway_device_service_emit_nodes(sk, value.get());
     return true;
 }
 

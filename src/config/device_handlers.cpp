@@ -36,5 +36,5 @@ void remove_device(plc_device *dev, const plc_device *named)
     const plc_device *shown = named != nullptr ? named : dev;
     g_print("===> dev del: dev_name:%s, dev_id:%d\n", shown->dev_name.c_str(), shown->dev_id);
     device_unregister(dev);
-    device_free(dev);
+    delete dev;
 }

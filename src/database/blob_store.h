@@ -19,7 +19,3 @@ int database_delete_message(const char *file, const char *table, int id);
 int database_restore_message(const char *file, const char *table, blob_callback callback);
 int sanity_check_by_table(sqlite3 *conn, const char *table);
 int sanity_check_by_id(sqlite3 *conn, const char *table, int id);
-
-int on_restore_serial_device_callback(const uint8_t *payload, size_t length);
-int on_restore_ethernet_device_callback(const uint8_t *payload, size_t length);
-int on_restore_node_table_callback(const uint8_t *payload, size_t length);

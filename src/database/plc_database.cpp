@@ -10,11 +10,6 @@
 
 #include "base/handles.h"
 
-char *db_name = const_cast<char *>("my.db");
-sqlite3 *db = nullptr;
-char *sql = nullptr;
-size_t malloc_num = 1024;
-
 void sqlite_deleter::operator()(sqlite3 *conn) const noexcept
 {
     sqlite3_close(conn);
@@ -26,6 +21,12 @@ void sqlite_deleter::operator()(sqlite3_stmt *st) const noexcept
 }
 
 namespace {
+
+// One connection and one statement buffer, both the main thread's alone.
+const char *const db_name = "my.db";
+sqlite_owner db;
+char *sql = nullptr;
+size_t malloc_num = 1024;
 
 char *new_sql()
 {
@@ -69,11 +70,11 @@ bool only_blank(const char *tail)
 {
     // What follows the first statement may be white space or comments only.
     while (tail != nullptr && *tail != '\0') {
-        sqlite3_stmt *next = nullptr;
+        sqlite_stmt_owner next;
         const char *rest = nullptr;
-        if (sqlite3_prepare_v2(db, tail, -1, &next, &rest) != SQLITE_OK)
+        if (sqlite3_prepare_v2(db.get(), tail, -1, out_ptr(next), &rest) != SQLITE_OK)
             return false;
-        if (sqlite_stmt_owner(next) != nullptr)
+        if (next)
             return false;
         if (rest == tail)
             break;
@@ -87,13 +88,12 @@ bool only_blank(const char *tail)
 // call keeps such a value from ever carrying a second statement with it.
 int run_statement(const char *statement, row_callback callback)
 {
-    sqlite3_stmt *prepared = nullptr;
+    sqlite_stmt_owner owner;
     const char *tail = nullptr;
-    if (sqlite3_prepare_v2(db, statement, -1, &prepared, &tail) != SQLITE_OK) {
-        g_print("sqlite3_exec err: %s\n", sqlite3_errmsg(db));
+    if (sqlite3_prepare_v2(db.get(), statement, -1, out_ptr(owner), &tail) != SQLITE_OK) {
+        g_print("sqlite3_exec err: %s\n", sqlite3_errmsg(db.get()));
         return -1;
     }
-    const sqlite_stmt_owner owner(prepared);
     sqlite3_stmt *st = owner.get();
     if (st == nullptr)
         return 0; // nothing but white space or comments
@@ -119,7 +119,7 @@ int run_statement(const char *statement, row_callback callback)
         }
     }
     if (rc != SQLITE_DONE) {
-        g_print("sqlite3_exec err: %s\n", sqlite3_errmsg(db));
+        g_print("sqlite3_exec err: %s\n", sqlite3_errmsg(db.get()));
         return -1;
     }
     return 0;
@@ -137,12 +137,12 @@ int run_built(const char *statement)
 // instead of losing it.
 template <typename Steps> int replace_row(Steps steps)
 {
-    if (db == nullptr || sqlite3_exec(db, "savepoint row_update;", nullptr, nullptr, nullptr) != SQLITE_OK)
+    if (db == nullptr || sqlite3_exec(db.get(), "savepoint row_update;", nullptr, nullptr, nullptr) != SQLITE_OK)
         return steps();
     const int r = steps();
     if (r != 0)
-        sqlite3_exec(db, "rollback to row_update;", nullptr, nullptr, nullptr);
-    sqlite3_exec(db, "release row_update;", nullptr, nullptr, nullptr);
+        sqlite3_exec(db.get(), "rollback to row_update;", nullptr, nullptr, nullptr);
+    sqlite3_exec(db.get(), "release row_update;", nullptr, nullptr, nullptr);
     return r;
 }
 
@@ -283,13 +283,12 @@ char *new_rollback_sql()
 
 int open_database()
 {
-    if (sqlite3_open(db_name, &db) != SQLITE_OK) {
-        g_print("sqlite3_open err: %s\n", sqlite3_errmsg(db));
-        sqlite3_close(db);
-        db = nullptr;
+    if (sqlite3_open(db_name, out_ptr(db)) != SQLITE_OK) {
+        g_print("sqlite3_open err: %s\n", sqlite3_errmsg(db.get()));
+        db.reset();
         return -1;
     }
-    sqlite3_busy_timeout(db, 5000);
+    sqlite3_busy_timeout(db.get(), 5000);
     g_print("Open database successfully : %s\n", db_name);
     return 0;
 }
@@ -322,8 +321,7 @@ int close_database()
     sql = nullptr;
     // The handle is cleared as well: a statement after close then reports
     // "db = NULL" instead of touching a closed connection.
-    sqlite3 *handle = db;
-    db = nullptr;
+    sqlite3 *handle = db.release();
     if (sqlite3_close(handle) != SQLITE_OK) {
         g_print("sqlite3_close : %s\n", sqlite3_errmsg(handle));
         return -1;

@@ -11,11 +11,6 @@
 #include "device/plc/plc_node.h"
 #include "device/plc/plc_serial.h"
 
-extern char *db_name;
-extern sqlite3 *db;
-extern char *sql;
-extern size_t malloc_num;
-
 // Row callback in the shape sqlite3_exec uses: non-zero stops the select.
 using row_callback = int (*)(void *ctx, int argc, char **argv, char **col_names);
 

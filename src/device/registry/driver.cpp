@@ -2,9 +2,6 @@
 
 #include <unordered_map>
 
-#include "device/plc/plc_ethernet.h"
-#include "device/plc/plc_serial.h"
-
 namespace {
 GSList *driver_slist = nullptr;
 GSList *device_slist = nullptr;
@@ -63,6 +60,8 @@ int device_register(plc_device *dev)
         g_print("<%s>: Failed to registe device(dev == NULL)\n", __func__);
         return -1;
     }
+    // Indexed first: when that throws, the list has not changed.
+    device_index.emplace(dev->dev_id, dev);
     GSList *cell = g_slist_alloc();
     cell->data = dev;
     cell->next = nullptr;
@@ -71,7 +70,6 @@ int device_register(plc_device *dev)
     else
         device_slist = cell;
     device_tail = cell;
-    device_index.emplace(dev->dev_id, dev);
     return 0;
 }
 
@@ -123,17 +121,6 @@ plc_device *device_find(uint32_t dev_id)
             return dev;
     }
     return nullptr;
-}
-
-void device_free(plc_device *dev)
-{
-    if (dev == nullptr)
-        return;
-    // By the record's own kind: dev_comm_type is whatever the request said.
-    if (serial_device *serial = as_serial(dev))
-        serial_device_free(serial);
-    else
-        ethernet_device_free(as_ethernet(dev));
 }
 
 driver *device_driver_match(const plc_device *dev)

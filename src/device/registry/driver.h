@@ -47,8 +47,6 @@ int device_unregister(plc_device *dev);
 GSList *get_activated_device();
 // Index lookup beside the list: the registered device with this id, or null.
 plc_device *device_find(uint32_t dev_id);
-// Frees a record of either kind (serial or Ethernet) by its dev_comm_type.
-void device_free(plc_device *dev);
 
 driver *device_driver_match(const plc_device *dev);
 

@@ -213,7 +213,7 @@ TEST(Registry, DeviceListRegistersAndUnregisters)
     EXPECT_EQ(ids, (std::vector<uint32_t>{2, 4}));
     EXPECT_EQ(device_find(1), nullptr);
     EXPECT_EQ(device_find(4), d);
-    device_free(a);
-    device_free(c3);
+    delete a;
+    delete c3;
 }
 
