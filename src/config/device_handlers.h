@@ -5,6 +5,8 @@
 
 #include <glib.h>
 
+#include <exception>
+#include <memory>
 #include <vector>
 
 #include "database/plc_database.h"
@@ -15,15 +17,40 @@
 
 namespace plc_handlers {
 
-// Runs `work` inside the configuration change frame and answers with its
-// result through `complete`.
+// Where a bus call enters our code: runs `work` inside the configuration
+// change frame and answers with its result through `complete`. Nothing may
+// unwind into the bus library: whatever `work` throws (memory running out in
+// a bulk call) is logged and answered with the method's `failure` code, and
+// the daemon serves on.
 template <typename Work, typename Complete>
-gboolean serve(const char *func, Work work, Complete complete)
+gboolean serve(const char *func, int failure, Work work, Complete complete)
 {
     g_print("<%s> called\n", func);
     config_change_frame frame;
-    complete(work());
+    int result = failure;
+    try {
+        result = work();
+    } catch (const std::exception &e) {
+        g_warning("<%s> failed: %s\n", func, e.what());
+    } catch (...) {
+        g_warning("<%s> failed\n", func);
+    }
+    complete(result);
     return TRUE;
+}
+
+// A record just made, held until the device list or the node list takes it.
+template <typename T> std::unique_ptr<T> owned(T *record)
+{
+    return std::unique_ptr<T>(record);
+}
+
+// The device list takes the record (it is freed if that throws); the
+// pointer stays valid for the caller.
+template <typename T> T *register_owned(std::unique_ptr<T> &rec)
+{
+    device_register(rec.get());
+    return rec.release();
 }
 
 template <typename Kind> typename Kind::record *find_of_kind(uint32_t dev_id)
@@ -41,31 +68,27 @@ int device_add(const char *func, uint32_t dev_id, Create create)
         plc_error_report(Kind::module, func, __LINE__, Kind::same_id);
         return 1;
     }
-    typename Kind::record *rec = create();
+    std::unique_ptr<typename Kind::record> rec(create());
     if (rec == nullptr)
         return 2;
-    driver *drv = device_driver_match(rec);
-    if (drv == nullptr) {
-        Kind::free(rec);
+    rec->driver = device_driver_match(rec.get());
+    if (rec->driver == nullptr)
         return 2;
-    }
     if (Kind::announce_before_register)
         g_print("===> dev add: dev_name:%s, dev_id:%d\n", rec->dev_name.c_str(), rec->dev_id);
-    rec->driver = drv;
-    device_register(rec);
-    Kind::db_add(rec); // memory wins: a row that cannot be written is not fatal
+    auto *dev = register_owned(rec);
+    Kind::db_add(dev); // memory wins: a row that cannot be written is not fatal
     if (!Kind::announce_before_register)
-        g_print("===> dev add: dev_name:%s, dev_id:%d\n", rec->dev_name.c_str(), rec->dev_id);
+        g_print("===> dev add: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
     return 0;
 }
 
-// `req` is the record built from the request; it is consumed.
-template <typename Kind> int device_mdf(const char *func, typename Kind::record *req)
+// `req` is the record built from the request.
+template <typename Kind> int device_mdf(const char *func, std::unique_ptr<typename Kind::record> req)
 {
     auto *dev = find_of_kind<Kind>(req->dev_id);
     if (dev == nullptr) {
         plc_error_report(Kind::module, func, __LINE__, Kind::not_exist);
-        Kind::free(req);
         return 6;
     }
     if (dev->dev_mfg != req->dev_mfg || dev->dev_type != req->dev_type) {
@@ -82,16 +105,12 @@ template <typename Kind> int device_mdf(const char *func, typename Kind::record 
         g_print("===> dev del: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
         Kind::db_delete(dev->dev_id);
         device_unregister(dev);
-        Kind::free(dev);
-        driver *drv = device_driver_match(req);
-        if (drv == nullptr) {
-            Kind::free(req);
+        delete dev;
+        req->driver = device_driver_match(req.get());
+        if (req->driver == nullptr)
             return 2;
-        }
         g_print("===> dev add: dev_name:%s, dev_id:%d\n", req->dev_name.c_str(), req->dev_id);
-        req->driver = drv;
-        device_register(req);
-        Kind::db_add(req);
+        Kind::db_add(register_owned(req));
         return 0;
     }
     g_print("===> dev mdf: dev_name:%s, dev_id:%d\n", dev->dev_name.c_str(), dev->dev_id);
@@ -104,8 +123,7 @@ template <typename Kind> int device_mdf(const char *func, typename Kind::record 
         if (n->dev_id == dev->dev_id)
             n->dev_name = req->dev_name;
     }
-    Kind::copy_settings(dev, req);
-    Kind::free(req);
+    Kind::copy_settings(dev, req.get());
     Kind::db_update(dev);
     return 0;
 }
@@ -148,8 +166,8 @@ template <typename Kind> int device_del(const char *func, uint32_t dev_id)
     return 0;
 }
 
-// `items` are records built from the request's elements, in order; consumed.
-template <typename Kind> int device_sync(std::vector<typename Kind::record *> items)
+// `items` are records built from the request's elements, in order.
+template <typename Kind> int device_sync(std::vector<std::unique_ptr<typename Kind::record>> items)
 {
     bool failed = open_database() != 0;
     if (!failed) {
@@ -157,8 +175,8 @@ template <typename Kind> int device_sync(std::vector<typename Kind::record *> it
             rollback();
             failed = true;
         } else {
-            for (auto *rec : items) {
-                if (Kind::db_table_add(rec) != 0) {
+            for (const auto &rec : items) {
+                if (Kind::db_table_add(rec.get()) != 0) {
                     rollback();
                     failed = true;
                     break;
@@ -169,11 +187,8 @@ template <typename Kind> int device_sync(std::vector<typename Kind::record *> it
         }
         close_database();
     }
-    if (failed) {
-        for (auto *rec : items)
-            Kind::free(rec);
+    if (failed)
         return 3;
-    }
     for (GSList *l = get_activated_device(); l != nullptr;) {
         auto *dev = static_cast<plc_device *>(l->data);
         l = l->next;
@@ -181,19 +196,14 @@ template <typename Kind> int device_sync(std::vector<typename Kind::record *> it
             remove_device(dev); // nodes go from memory only: their rows stay
     }
     size_t added = 0;
-    for (auto *rec : items) {
-        if (device_find(rec->dev_id) != nullptr) {
-            Kind::free(rec);
+    for (auto &rec : items) {
+        if (device_find(rec->dev_id) != nullptr)
             continue;
-        }
-        driver *drv = device_driver_match(rec);
-        if (drv == nullptr) {
-            Kind::free(rec);
+        rec->driver = device_driver_match(rec.get());
+        if (rec->driver == nullptr)
             continue;
-        }
         g_print("===> dev add: dev_name:%s, dev_id:%d\n", rec->dev_name.c_str(), rec->dev_id);
-        rec->driver = drv;
-        device_register(rec);
+        register_owned(rec);
         ++added;
     }
     return added == items.size() ? 0 : 3;

@@ -1,6 +1,8 @@
 #include "config/device_handlers.h"
 #include "device/plc/plc_ethernet.h"
 
+using namespace plc_handlers;
+
 namespace {
 
 struct ethernet_kind {
@@ -13,7 +15,6 @@ struct ethernet_kind {
     static constexpr bool announce_before_register = true;
     static constexpr bool commit_per_node = false;
 
-    static void free(record *r) { ethernet_device_free(r); }
     static int db_add(const record *r) { return on_add_ethernet_device(r); }
     static int db_update(const record *r) { return on_update_ethernet_device(r); }
     static int db_delete(uint32_t id) { return on_delete_ethernet_device(id); }
@@ -34,8 +35,6 @@ struct ethernet_kind {
 
 } // namespace
 
-using namespace plc_handlers;
-
 gboolean on_handle_ethernet_device_add(GatewayDeviceService *sk, GDBusMethodInvocation *inv,
                                        guint dev_id, guint dev_comm, guint dev_mfg,
                                        guint dev_type, const gchar *dev_name, const gchar *ipaddr,
@@ -46,7 +45,8 @@ gboolean on_handle_ethernet_device_add(GatewayDeviceService *sk, GDBusMethodInvo
                                       port, rack, slot);
     };
     return serve(
-        __func__, [&] { return device_add<ethernet_kind>("on_handle_ethernet_device_add", dev_id, create); },
+        __func__, 2,
+        [&] { return device_add<ethernet_kind>("on_handle_ethernet_device_add", dev_id, create); },
         [&](int r) { gateway_device_service_complete_ethernet_device_add(sk, inv, r); });
 }
 
@@ -56,11 +56,13 @@ gboolean on_handle_ethernet_device_mdf(GatewayDeviceService *sk, GDBusMethodInvo
                                        guint port, guint rack, guint slot)
 {
     auto modify = [&] {
-        ethernet_device *req = ethernet_device_create(dev_id, dev_name, dev_comm, dev_mfg,
-                                                      dev_type, ipaddr, port, rack, slot);
-        return req == nullptr ? 2 : device_mdf<ethernet_kind>("on_handle_ethernet_device_mdf", req);
+        auto req = owned(ethernet_device_create(dev_id, dev_name, dev_comm, dev_mfg, dev_type,
+                                                ipaddr, port, rack, slot));
+        return req == nullptr ? 2
+                              : device_mdf<ethernet_kind>("on_handle_ethernet_device_mdf",
+                                                          std::move(req));
     };
-    return serve(__func__, modify, [&](int r) {
+    return serve(__func__, 2, modify, [&](int r) {
         gateway_device_service_complete_ethernet_device_mdf(sk, inv, r);
     });
 }
@@ -70,7 +72,7 @@ gboolean on_handle_ethernet_device_del(GatewayDeviceService *sk, GDBusMethodInvo
                                        guint /*dev_type*/, const gchar * /*dev_name*/)
 {
     auto del = [&] { return device_del<ethernet_kind>("on_handle_ethernet_device_del", dev_id); };
-    return serve(__func__, del, [&](int r) {
+    return serve(__func__, -1, del, [&](int r) {
         gateway_device_service_complete_ethernet_device_del(sk, inv, r);
     });
 }
@@ -80,23 +82,22 @@ gboolean on_handle_ethernet_device_sync_multi_1(GatewayDeviceService *sk,
 {
     give_back_message_memory();
     auto sync = [&] {
-        std::vector<ethernet_device *> items;
+        std::vector<std::unique_ptr<ethernet_device>> items;
         GVariantIter it;
         g_variant_iter_init(&it, multi);
         guint id, comm, mfg, type, port, rack, slot;
         const gchar *name, *ip;
         while (g_variant_iter_next(&it, "(uuuu&s&suuu)", &id, &comm, &mfg, &type, &name, &ip,
                                    &port, &rack, &slot)) {
-            ethernet_device *rec =
-                ethernet_device_create(id, name, comm, mfg, type, ip, port, rack, slot);
+            auto rec = owned(ethernet_device_create(id, name, comm, mfg, type, ip, port, rack, slot));
             if (rec != nullptr)
-                items.push_back(rec);
+                items.push_back(std::move(rec));
         }
         const bool all_built = items.size() == g_variant_n_children(multi);
         const int r = device_sync<ethernet_kind>(std::move(items));
         return r == 0 && !all_built ? 3 : r;
     };
-    return serve(__func__, sync, [&](int r) {
+    return serve(__func__, 3, sync, [&](int r) {
         gateway_device_service_complete_ethernet_device_sync_multi(sk, inv, r);
     });
 }

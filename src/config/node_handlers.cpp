@@ -29,18 +29,12 @@ public:
                                    &alarm_bit, &cond_major, &value_major, &op, &cond_minor,
                                    &value_minor, &content, &desc)) {
             ids_.push_back(node_id);
-            nodes_.push_back(node_create(dev_name, dev_id, node_id, name, addr, type, unit, perm,
-                                         report ? 1 : 0, alarm ? 1 : 0, alarm_bit, cond_major,
-                                         value_major, op, cond_minor, value_minor, content, desc));
+            nodes_.push_back(owned(node_create(dev_name, dev_id, node_id, name, addr, type, unit,
+                                               perm, report ? 1 : 0, alarm ? 1 : 0, alarm_bit,
+                                               cond_major, value_major, op, cond_minor,
+                                               value_minor, content, desc)));
         }
     }
-    ~node_batch()
-    {
-        for (node *n : nodes_)
-            node_free(n);
-    }
-    node_batch(const node_batch &) = delete;
-    node_batch &operator=(const node_batch &) = delete;
 
     size_t size() const { return nodes_.size(); }
     // The request's node ids, in request order.
@@ -58,7 +52,7 @@ public:
             failed = true;
         }
         for (size_t i = 0; !failed && i < nodes_.size(); ++i) {
-            if (nodes_[i] == nullptr || add_node_to_node_table(nodes_[i]) != 0) {
+            if (nodes_[i] == nullptr || add_node_to_node_table(nodes_[i].get()) != 0) {
                 rollback();
                 failed = true;
             }
@@ -75,19 +69,19 @@ public:
     size_t move_to_memory()
     {
         size_t added = 0;
-        for (node *&n : nodes_) {
+        for (auto &n : nodes_) {
             if (n == nullptr || device_find(n->dev_id) == nullptr)
                 continue;
-            if (node_table_add_one(n) != 0)
+            if (node_table_add_one(n.get()) != 0)
                 continue;
-            n = nullptr;
+            n.release();
             ++added;
         }
         return added;
     }
 
 private:
-    std::vector<node *> nodes_; // null once the list owns it, or when it could not be made
+    std::vector<std::unique_ptr<node>> nodes_; // null once the list has it, or when it could not be made
     std::vector<uint32_t> ids_;
 };
 
@@ -104,35 +98,32 @@ gboolean on_handle_node_table_mdf_one(
 {
     const char *func = __func__;
     auto modify = [&] {
-        node *req = node_create(dev_name, dev_id, node_id, node_name, node_addr, node_data_type,
-                                node_unit, node_permission, node_report_enable ? 1 : 0,
-                                node_alarm_enable ? 1 : 0, node_alarm_bit,
-                                node_alarm_condition_major, node_alarm_value_major,
-                                node_alarm_operation_type, node_alarm_condition_minor,
-                                node_alarm_value_minor, node_alarm_content, node_description);
+        auto req = owned(node_create(dev_name, dev_id, node_id, node_name, node_addr,
+                                     node_data_type, node_unit, node_permission,
+                                     node_report_enable ? 1 : 0, node_alarm_enable ? 1 : 0,
+                                     node_alarm_bit, node_alarm_condition_major,
+                                     node_alarm_value_major, node_alarm_operation_type,
+                                     node_alarm_condition_minor, node_alarm_value_minor,
+                                     node_alarm_content, node_description));
         if (req == nullptr)
             return -1;
         // The row is written before memory is checked: it stays even when the
         // device or the node turns out not to exist.
         bool failed = open_database() != 0;
         if (!failed) {
-            failed = update_node_for_node_table(req) != 0;
+            failed = update_node_for_node_table(req.get()) != 0;
             close_database();
         }
-        if (failed) {
-            node_free(req);
+        if (failed)
             return -1;
-        }
         g_print("<%s> called\n", func);
         if (device_find(dev_id) == nullptr) {
             plc_error_report(PLC_NODE_MODULE, func, __LINE__, "device not exist.");
-            node_free(req);
             return 6;
         }
         node *n = node_table_find(node_id);
         if (n == nullptr) {
             plc_error_report(PLC_NODE_MODULE, func, __LINE__, "node not exist.");
-            node_free(req);
             return 6;
         }
         // Every configuration field changes; the place in the list and the
@@ -141,10 +132,9 @@ gboolean on_handle_node_table_mdf_one(
         memcpy(value, n->value, sizeof value);
         *n = std::move(*req);
         memcpy(n->value, value, sizeof value);
-        node_free(req);
         return 0;
     };
-    return serve(func, modify, [&](int r) {
+    return serve(func, -1, modify, [&](int r) {
         gateway_device_service_complete_node_table_mdf_one(sk, inv, r);
     });
 }
@@ -171,7 +161,7 @@ gboolean on_handle_node_table_add_multi_1(GatewayDeviceService *sk, GDBusMethodI
                 node_table_del_one(id);
         return 2;
     };
-    return serve(func, add, [&](int r) {
+    return serve(func, 2, add, [&](int r) {
         gateway_device_service_complete_node_table_add_multi(sk, inv, r);
     });
 }
@@ -204,7 +194,7 @@ gboolean on_handle_node_table_del_multi_1(GatewayDeviceService *sk, GDBusMethodI
             node_table_del_one(node_id);
         return 0;
     };
-    return serve(__func__, del, [&](int r) {
+    return serve(__func__, -1, del, [&](int r) {
         gateway_device_service_complete_node_table_del_multi(sk, inv, r);
     });
 }
@@ -225,7 +215,7 @@ gboolean on_handle_node_table_sync_multi_1(GatewayDeviceService *sk, GDBusMethod
         }
         return 0;
     };
-    return serve(func, sync, [&](int r) {
+    return serve(func, 3, sync, [&](int r) {
         gateway_device_service_complete_node_table_sync_multi(sk, inv, r);
     });
 }

@@ -68,7 +68,7 @@ int on_handle_gateway_destroy()
 
 gboolean on_handle_system_cfg_reset(GatewayDeviceService *sk, GDBusMethodInvocation *inv)
 {
-    return plc_handlers::serve(__func__, wipe_configuration, [&](int r) {
+    return plc_handlers::serve(__func__, -1, wipe_configuration, [&](int r) {
         gateway_device_service_complete_system_cfg_reset(sk, inv, r);
     });
 }

@@ -1,6 +1,8 @@
 #include "config/device_handlers.h"
 #include "device/plc/plc_serial.h"
 
+using namespace plc_handlers;
+
 namespace {
 
 struct serial_kind {
@@ -14,7 +16,6 @@ struct serial_kind {
     // commit ends the transaction, the others report that none is active.
     static constexpr bool commit_per_node = true;
 
-    static void free(record *r) { serial_device_free(r); }
     static int db_add(const record *r) { return on_add_serial_device(r); }
     static int db_update(const record *r) { return on_update_serial_device(r); }
     static int db_delete(uint32_t id) { return on_delete_serial_device(id); }
@@ -34,18 +35,17 @@ struct serial_kind {
 };
 
 // The record a request describes.
-serial_device *from_request(guint dev_id, guint dev_comm, guint dev_mfg, guint dev_type,
+std::unique_ptr<serial_device> from_request(guint dev_id, guint dev_comm, guint dev_mfg, guint dev_type,
                             const gchar *dev_name, guint station, guint serial_type,
                             guint serial_number, guint baudrate, guint data_bit, guint stop_bit,
                             guint parity_bit)
 {
-    return serial_device_create(dev_id, dev_name, dev_comm, dev_mfg, dev_type, serial_type,
-                                serial_number, station, baudrate, data_bit, stop_bit, parity_bit);
+    return owned(serial_device_create(dev_id, dev_name, dev_comm, dev_mfg, dev_type, serial_type,
+                                      serial_number, station, baudrate, data_bit, stop_bit,
+                                      parity_bit));
 }
 
 } // namespace
-
-using namespace plc_handlers;
 
 gboolean on_handle_serial_device_add(GatewayDeviceService *sk, GDBusMethodInvocation *inv,
                                      guint dev_id, guint dev_comm, guint dev_mfg, guint dev_type,
@@ -55,7 +55,7 @@ gboolean on_handle_serial_device_add(GatewayDeviceService *sk, GDBusMethodInvoca
                                      guint dev_serial_stopbit, guint dev_serial_paritybit)
 {
     return serve(
-        __func__,
+        __func__, 2,
         [&] {
             return device_add<serial_kind>("on_handle_serial_device_add", dev_id, [&] {
                 return from_request(dev_id, dev_comm, dev_mfg, dev_type, dev_name,
@@ -75,13 +75,14 @@ gboolean on_handle_serial_device_mdf(GatewayDeviceService *sk, GDBusMethodInvoca
                                      guint dev_serial_stopbit, guint dev_serial_paritybit)
 {
     return serve(
-        __func__,
+        __func__, 2,
         [&] {
-            serial_device *req = from_request(dev_id, dev_comm, dev_mfg, dev_type, dev_name,
-                                              dev_station_num, dev_serial_type, dev_serial_number,
-                                              dev_serial_baudrate, dev_serial_databit,
-                                              dev_serial_stopbit, dev_serial_paritybit);
-            return req == nullptr ? 2 : device_mdf<serial_kind>("on_handle_serial_device_mdf", req);
+            auto req = from_request(dev_id, dev_comm, dev_mfg, dev_type, dev_name, dev_station_num,
+                                    dev_serial_type, dev_serial_number, dev_serial_baudrate,
+                                    dev_serial_databit, dev_serial_stopbit, dev_serial_paritybit);
+            return req == nullptr ? 2
+                                  : device_mdf<serial_kind>("on_handle_serial_device_mdf",
+                                                            std::move(req));
         },
         [&](int r) { gateway_device_service_complete_serial_device_mdf(sk, inv, r); });
 }
@@ -91,7 +92,7 @@ gboolean on_handle_serial_device_del(GatewayDeviceService *sk, GDBusMethodInvoca
                                      guint /*dev_type*/, const gchar * /*dev_name*/)
 {
     return serve(
-        __func__, [&] { return device_del<serial_kind>("on_handle_serial_device_del", dev_id); },
+        __func__, -1, [&] { return device_del<serial_kind>("on_handle_serial_device_del", dev_id); },
         [&](int r) { gateway_device_service_complete_serial_device_del(sk, inv, r); });
 }
 
@@ -100,19 +101,19 @@ gboolean on_handle_serial_device_sync_multi_1(GatewayDeviceService *sk,
 {
     give_back_message_memory();
     return serve(
-        __func__,
+        __func__, 3,
         [&] {
-            std::vector<serial_device *> items;
+            std::vector<std::unique_ptr<serial_device>> items;
             GVariantIter it;
             g_variant_iter_init(&it, multi);
             guint id, comm, mfg, type, station, stype, number, baud, data, stop, parity;
             const gchar *name;
             while (g_variant_iter_next(&it, "(uuuu&suuuuuuu)", &id, &comm, &mfg, &type, &name,
                                        &station, &stype, &number, &baud, &data, &stop, &parity)) {
-                serial_device *rec = from_request(id, comm, mfg, type, name, station, stype,
-                                                  number, baud, data, stop, parity);
+                auto rec = from_request(id, comm, mfg, type, name, station, stype, number, baud,
+                                        data, stop, parity);
                 if (rec != nullptr)
-                    items.push_back(rec);
+                    items.push_back(std::move(rec));
             }
             const bool all_built = items.size() == g_variant_n_children(multi);
             const int r = device_sync<serial_kind>(std::move(items));

@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "config/device_handlers.h"
 #include "support/daemon_fixture.h"
+#include "support/log_records.h"
 #include "support/test_driver.h"
 
 using namespace dstest;
@@ -228,4 +230,24 @@ TEST_F(Config, DatabaseThatCannotBeOpenedChangesNothingInMemory)
     ASSERT_EQ(rmdir(db_path().c_str()), 0);
     ASSERT_EQ(rename((db_path() + ".away").c_str(), db_path().c_str()), 0);
     EXPECT_TRUE(node_in_memory(1, 10));
+}
+
+// Memory running out in a handler (a bulk call's records) must not unwind into
+// the bus library: the call is answered with the method's failure code, the
+// change is over and the lists are free for the reading thread again.
+TEST(BusBoundary, ThrowingHandlerAnswersWithFailureCode)
+{
+    LogRecords logs;
+    int answered = 0;
+    capture_output([&] {
+        plc_handlers::serve(
+            "on_handle_node_table_sync_multi_1", 3, []() -> int { throw std::bad_alloc(); },
+            [&](int r) { answered = r; });
+    });
+    EXPECT_EQ(answered, 3);
+    EXPECT_TRUE(logs.contains("<on_handle_node_table_sync_multi_1> failed: std::bad_alloc"))
+        << logs.text();
+    EXPECT_EQ(List_Change_Flag.load(), 2);
+    ASSERT_TRUE(node_table_slist_mutex.try_lock());
+    node_table_slist_mutex.unlock();
 }
