@@ -1,5 +1,7 @@
 #include "base/log.h"
 
+#include "base/handles.h"
+
 #include <sys/time.h>
 
 #include <cstdio>
@@ -31,16 +33,18 @@ char convert_logLevel_to_char(int log_level)
     }
 }
 
-gchar *new_current_time()
+namespace {
+// "YYYY/MM/DD hh:mm:ss.uuuuuu" in local time.
+gchar_owner current_time()
 {
-    GDateTime *now = g_date_time_new_now_local();
-    gchar *text = g_strdup_printf("%04d/%02d/%02d %02d:%02d:%02d.%06d", g_date_time_get_year(now),
-                                  g_date_time_get_month(now), g_date_time_get_day_of_month(now),
-                                  g_date_time_get_hour(now), g_date_time_get_minute(now),
-                                  g_date_time_get_second(now), g_date_time_get_microsecond(now));
-    g_date_time_unref(now);
-    return text;
+    const c_owner<GDateTime, g_date_time_unref> now(g_date_time_new_now_local());
+    GDateTime *t = now.get();
+    return gchar_owner(g_strdup_printf("%04d/%02d/%02d %02d:%02d:%02d.%06d", g_date_time_get_year(t),
+                                       g_date_time_get_month(t), g_date_time_get_day_of_month(t),
+                                       g_date_time_get_hour(t), g_date_time_get_minute(t),
+                                       g_date_time_get_second(t), g_date_time_get_microsecond(t)));
 }
+} // namespace
 
 void log_handler_1(const gchar * /*log_domain*/, GLogLevelFlags log_level, const gchar *message,
                    gpointer /*user_data*/)
@@ -50,19 +54,17 @@ void log_handler_1(const gchar * /*log_domain*/, GLogLevelFlags log_level, const
     case G_LOG_LEVEL_ERROR | G_LOG_FLAG_FATAL:
     case G_LOG_LEVEL_CRITICAL:
     case G_LOG_LEVEL_WARNING: {
-        gchar *ts = new_current_time();
-        fprintf(stderr, "%s %c %s", ts, convert_logLevel_to_char(level), message);
+        const gchar_owner ts = current_time();
+        fprintf(stderr, "%s %c %s", ts.get(), convert_logLevel_to_char(level), message);
         fflush(stderr);
-        fprintf(stdout, "%s %c %s", ts, convert_logLevel_to_char(level), message);
+        fprintf(stdout, "%s %c %s", ts.get(), convert_logLevel_to_char(level), message);
         fflush(stdout);
-        g_free(ts);
         break;
     }
     case G_LOG_LEVEL_MESSAGE: {
-        gchar *ts = new_current_time();
-        fprintf(stdout, "%s %c %s", ts, convert_logLevel_to_char(level), message);
+        const gchar_owner ts = current_time();
+        fprintf(stdout, "%s %c %s", ts.get(), convert_logLevel_to_char(level), message);
         fflush(stdout);
-        g_free(ts);
         break;
     }
     case G_LOG_LEVEL_INFO:
@@ -79,9 +81,8 @@ void log_handler(const gchar * /*log_domain*/, GLogLevelFlags log_level, const g
                  gpointer /*user_data*/)
 {
     const int level = static_cast<int>(log_level);
-    gchar *ts = new_current_time();
-    fprintf(stdout, "%s,%c-%03d,%s", ts, convert_logLevel_to_char(level), level, message);
-    g_free(ts);
+    const gchar_owner ts = current_time();
+    fprintf(stdout, "%s,%c-%03d,%s", ts.get(), convert_logLevel_to_char(level), level, message);
 }
 
 void print_buf(const uint8_t *buf, size_t count)

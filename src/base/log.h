@@ -19,8 +19,6 @@ void log_handler(const gchar *log_domain, GLogLevelFlags log_level, const gchar 
                  gpointer user_data);
 
 char convert_logLevel_to_char(int log_level);
-// "YYYY/MM/DD hh:mm:ss.uuuuuu" in local time; the caller frees it with g_free.
-gchar *new_current_time();
 
 void print_buf(const uint8_t *buf, size_t count);
 void print_payload(const uint8_t *buf, size_t count);

@@ -1,6 +1,7 @@
 #include "service/system_notify.h"
 
 #include <cstring>
+#include <exception>
 
 #include "config/plc_reset.h"
 #include "ipc/ipc_system.h"
@@ -52,6 +53,12 @@ void on_signal_notify_device(GatewaySystemService *proxy, const gchar *key, cons
             g_print("system reboot\n");
     } else if (strcmp(key, "gateway") == 0) {
         g_print("gateway destroy\n");
-        on_handle_gateway_destroy();
+        // Nothing may unwind into the bus library's signal emission; the
+        // change frame has released the lock by the time we get here.
+        try {
+            on_handle_gateway_destroy();
+        } catch (const std::exception &e) {
+            g_warning("gateway destroy failed: %s", e.what());
+        }
     }
 }
