@@ -1,11 +1,7 @@
 #include "support/bus.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <functional>
 #include <stdexcept>
 #include <thread>
@@ -28,58 +24,23 @@ constexpr char BUS_CONFIG[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD
 </busconfig>
 )";
 
-bool reap(pid_t pid, int *status, std::chrono::milliseconds timeout)
-{
-    return wait_until(
-        [&] {
-            pid_t r = waitpid(pid, status, WNOHANG);
-            return r == pid || (r < 0 && errno == ECHILD);
-        },
-        timeout, 5ms);
-}
-
 } // namespace
 
 PrivateBus::PrivateBus()
 {
     const std::string config = dir_.file("bus.conf");
     write_file(config, BUS_CONFIG);
-    int fds[2];
-    if (pipe(fds) != 0)
-        throw std::runtime_error("pipe failed");
-    pid_ = fork();
-    if (pid_ == 0) {
-        close(fds[0]);
-        const std::string cfg_arg = "--config-file=" + config;
-        const std::string addr_arg = "--print-address=3";
-        int devnull = open("/dev/null", O_RDWR);
-        if (devnull >= 0) {
-            dup2(devnull, 0);
-            dup2(devnull, 1);
-        }
-        if (fds[1] != 3) {
-            dup2(fds[1], 3);
-            close(fds[1]);
-        }
-        close_range(4, ~0U, 0);
-        execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", cfg_arg.c_str(),
-               addr_arg.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    close(fds[1]);
-    std::string line;
-    char c;
+    gchar *program = g_find_program_in_path("dbus-daemon");
+    const std::string path = program != nullptr ? program : "dbus-daemon";
+    g_free(program);
+    daemon_ = std::make_unique<Child>(std::vector<std::string>{path, "--nofork", "--nopidfile",
+                                                               "--config-file=" + config, "--print-address=1"},
+                                      dir_.path(), "dbus-daemon");
     // The daemon prints its address once it listens: that is readiness.
-    while (read(fds[0], &c, 1) == 1 && c != '\n')
-        line += c;
-    close(fds[0]);
-    if (line.empty()) {
-        int status = 0;
-        reap(pid_, &status, 2s);
-        pid_ = -1;
-        throw std::runtime_error("dbus-daemon did not start");
-    }
-    address_ = line;
+    const auto printed = [&] { return daemon_->out().find('\n') != std::string::npos; };
+    if (!wait_until([&] { return printed() || !daemon_->running(); }, 10s) || !printed())
+        throw std::runtime_error("dbus-daemon did not start: " + daemon_->err());
+    address_ = daemon_->out().substr(0, daemon_->out().find('\n'));
 }
 
 PrivateBus::~PrivateBus()
@@ -88,14 +49,8 @@ PrivateBus::~PrivateBus()
         g_dbus_connection_close_sync(conn_, nullptr, nullptr);
         g_object_unref(conn_);
     }
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        int status = 0;
-        if (!reap(pid_, &status, 5s)) {
-            kill(pid_, SIGKILL);
-            reap(pid_, &status, 5s);
-        }
-    }
+    daemon_->signal(SIGTERM);
+    daemon_->wait_exit(5s); // killed by its destructor otherwise
 }
 
 GDBusConnection *PrivateBus::new_connection() const

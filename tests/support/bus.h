@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,7 +34,7 @@ public:
 
 private:
     TempDir dir_;
-    pid_t pid_ = -1;
+    std::unique_ptr<Child> daemon_;
     std::string address_;
     GDBusConnection *conn_ = nullptr;
 };
