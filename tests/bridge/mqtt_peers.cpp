@@ -1,87 +1,20 @@
 #include "mqtt_peers.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <mosquitto.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gio/gio.h>
 
-#include <cstring>
 
 namespace bridgetest {
 
 using dstest::read_file;
 using dstest::wait_until;
-
-Child::Child(std::vector<std::string> args, const std::string &dir, const std::string &name)
-    : out_path_(dir + "/" + name + ".out"), err_path_(dir + "/" + name + ".err")
-{
-    // Everything the child needs is made before fork: after it, only calls
-    // that are safe in a copy of a threaded process.
-    std::vector<char *> argv;
-    for (auto &a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    const int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    pid_ = fork();
-    if (pid_ == 0) {
-        dup2(out, 1);
-        dup2(err, 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out);
-    close(err);
-}
-
-Child::~Child()
-{
-    if (pid_ > 0 && !reaped_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status_, 0);
-    }
-}
-
-void Child::signal(int signo)
-{
-    if (pid_ > 0 && !reaped_)
-        kill(pid_, signo);
-}
-
-int Child::wait_exit(std::chrono::milliseconds timeout)
-{
-    if (!reaped_ && !wait_until([&] { return waitpid(pid_, &status_, WNOHANG) == pid_; }, timeout, 5ms))
-        return -1;
-    reaped_ = true;
-    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
-}
-
-bool Child::running()
-{
-    return !reaped_ && wait_exit(0ms) == -1;
-}
-
-std::string Child::out() const
-{
-    return read_file(out_path_);
-}
-
-std::string Child::err() const
-{
-    return read_file(err_path_);
-}
-
-bool Child::wait_err(const std::string &needle, std::chrono::milliseconds timeout, size_t occurrences) const
-{
-    return wait_until([&] { return dstest::count_of(err(), needle) >= occurrences; }, timeout);
-}
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The bridge's peers in the tests: a real mosquitto broker on a free
-// loopback port, a subscriber that records what reaches it, and programs
-// run as child processes with their output kept in files.
+// loopback port, a subscriber that records what reaches it, a stand-in
+// daemon, and the bridge itself as a child process.
 #pragma once
 
 #include <sys/types.h>
@@ -15,7 +15,7 @@
 #include <gio/gio.h>
 
 #include "cycle.h"
-#include "support/test_util.h"
+#include "support/child.h"
 
 struct mosquitto;
 struct mosquitto_message;
@@ -23,32 +23,7 @@ struct mosquitto_message;
 namespace bridgetest {
 
 using namespace std::chrono_literals;
-
-// A program run with `args` (args[0] is its path); stdout and stderr go to
-// files under `dir`. Killed (SIGKILL) and reaped on destruction.
-class Child {
-public:
-    Child(std::vector<std::string> args, const std::string &dir, const std::string &name);
-    ~Child();
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
-
-    pid_t pid() const { return pid_; }
-    void signal(int signo);
-    // Exit status, 128 + signal when killed, -1 when it did not end in time.
-    int wait_exit(std::chrono::milliseconds timeout = 10s);
-    bool running();
-    std::string out() const;
-    std::string err() const;
-    bool wait_err(const std::string &needle, std::chrono::milliseconds timeout = 10s,
-                  size_t occurrences = 1) const;
-
-private:
-    pid_t pid_ = -1;
-    int status_ = 0;
-    bool reaped_ = false;
-    std::string out_path_, err_path_;
-};
+using dstest::Child;
 
 // mosquitto on 127.0.0.1 at a free port, without persistence.
 class Broker {

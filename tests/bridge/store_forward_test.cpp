@@ -10,16 +10,13 @@
 
 #include <csignal>
 #include <algorithm>
-#include <cstdlib>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "mqtt_peers.h"
-#include "sparkplug.h"
-#include "support/bus.h"
+#include "traffic.h"
 #include "values.h"
+#include "support/bus.h"
 
 using namespace bridgetest;
 using bridge::sp::MsgType;
@@ -31,47 +28,12 @@ namespace {
 constexpr char DEVICE[] = "line";
 constexpr char HOST_STATE[] = "spBv1.0/STATE/scada";
 
-std::string bridge_binary()
-{
-    const char *other = getenv("DS_TEST_BRIDGE_BINARY");
-    return other != nullptr && *other != '\0' ? other : DS_BRIDGE_BINARY;
-}
-
-struct SpMessage {
-    bridge::sp::Topic topic;
-    bridge::sp::Payload payload;
-};
-
-std::vector<SpMessage> decoded(const std::vector<Received> &raw)
-{
-    std::vector<SpMessage> out;
-    for (const auto &r : raw) {
-        SpMessage m;
-        EXPECT_TRUE(bridge::sp::parse_topic(r.topic, m.topic)) << r.topic;
-        if (m.topic.type != MsgType::STATE) { // the host's JSON
-            EXPECT_TRUE(bridge::sp::decode(r.payload, m.payload)) << r.topic;
-        }
-        out.push_back(std::move(m));
-    }
-    return out;
-}
-
+// The cycle number every node of the device carries.
 uint64_t number(const bridge::sp::Metric &m)
 {
-    if (const auto *v = std::get_if<uint32_t>(&m.value))
-        return *v;
-    if (const auto *v = std::get_if<uint64_t>(&m.value))
-        return *v;
-    ADD_FAILURE() << m.name << " is not an integer";
-    return 0;
-}
-
-std::optional<uint64_t> node_metric(const bridge::sp::Payload &p, const std::string &name)
-{
-    for (const auto &m : p.metrics)
-        if (m.name == name)
-            return number(m);
-    return std::nullopt;
+    const auto v = integer(&m);
+    EXPECT_TRUE(v) << m.name << " is not an integer";
+    return static_cast<uint64_t>(v.value_or(0));
 }
 
 // What the DDATA of the device said, metric by metric, checked across
@@ -146,41 +108,20 @@ protected:
         ASSERT_TRUE(broker_.start());
         plant_ = std::make_unique<NodesEmitter>(bus_.address());
         ASSERT_TRUE(plant_->owner());
-        watch();
+        traffic_.watch(broker_.port());
     }
 
-    // A new subscriber (after a broker restart); what the old one got is kept.
-    void watch(const std::string &filter = "spBv1.0/#")
+    Child &start_bridge(const std::vector<std::string> &extra = {})
     {
-        if (sub_)
-            for (auto &m : sub_->messages())
-                archive_.push_back(std::move(m));
-        filter_ = filter;
-        sub_ = std::make_unique<Subscriber>(broker_.port(), filter);
-        ASSERT_TRUE(sub_->ready());
-    }
-    std::vector<Received> raw() const
-    {
-        std::vector<Received> all = archive_;
-        for (auto &m : sub_->messages())
-            all.push_back(std::move(m));
-        return all;
-    }
-    std::vector<SpMessage> received() const { return decoded(raw()); }
-
-    Child &start_bridge(std::vector<std::string> extra = {})
-    {
-        std::vector<std::string> args = {bridge_binary(), "--broker", broker_.address(), "--bus-address",
-                                         bus_.address(), "--state-dir", state_dir(), "--group", "plant",
-                                         "--edge-node", "gw1"};
-        args.insert(args.end(), extra.begin(), extra.end());
         bridge_.reset(); // a bridge still running is killed first
-        bridge_ = std::make_unique<Child>(args, dir_.path(), "bridge" + std::to_string(bridges_++));
+        bridge_ = std::make_unique<Child>(bridge_args(broker_, bus_.address(), state_dir(), extra), dir_.path(),
+                                          "bridge" + std::to_string(bridges_++));
         // Cycles emitted from now on reach it.
         EXPECT_TRUE(bridge_->wait_err("device-service is on the bus")) << bridge_->err();
         return *bridge_;
     }
     std::string state_dir() const { return dir_.file("state"); }
+    std::vector<SpMessage> received() const { return traffic_.decoded(); }
 
     // Cycles `from`..`to`: every node of the device holds the cycle's number.
     void emit(uint64_t from, uint64_t to, int nodes = 4)
@@ -194,36 +135,16 @@ protected:
         }
     }
 
-    // Waits for a message of `type` at index `from` or later; its index or -1.
-    // Only payloads of that type are decoded: a replay brings thousands.
     int wait_for(MsgType type, size_t from = 0,
-                 const std::function<bool(const bridge::sp::Payload &)> &pred = nullptr,
-                 std::chrono::milliseconds timeout = 20s)
+                 const std::function<bool(const bridge::sp::Payload &)> &pred = nullptr)
     {
-        int found = -1;
-        wait_until(
-            [&] {
-                const auto all = raw();
-                for (size_t i = from; i < all.size() && found < 0; ++i) {
-                    bridge::sp::Topic t;
-                    bridge::sp::Payload p;
-                    if (bridge::sp::parse_topic(all[i].topic, t) && t.type == type &&
-                        (!pred || (bridge::sp::decode(all[i].payload, p) && pred(p))))
-                        found = static_cast<int>(i);
-                }
-                return found >= 0;
-            },
-            timeout);
-        if (found < 0)
-            ADD_FAILURE() << "no " << bridge::sp::msg_type_name(type) << " from #" << from
-                          << "; bridge said:\n" << bridge_->err();
-        return found;
+        return traffic_.wait_for(type, type == MsgType::DDATA || type == MsgType::DBIRTH ? DEVICE : "", from,
+                                 pred, bridge_.get());
     }
     int wait_value(uint64_t k, size_t from = 0)
     {
         return wait_for(MsgType::DDATA, from, [k](const bridge::sp::Payload &p) {
-            const auto v = node_metric(p, "v0");
-            return v && *v == k;
+            return integer(p, "v0") == static_cast<int64_t>(k);
         });
     }
     // Every cycle emitted so far has been through the bridge: it has
@@ -239,9 +160,7 @@ protected:
     dstest::PrivateBus bus_;
     Broker broker_;
     std::unique_ptr<NodesEmitter> plant_;
-    std::unique_ptr<Subscriber> sub_;
-    std::string filter_;
-    std::vector<Received> archive_;
+    Traffic traffic_;
     std::unique_ptr<Child> bridge_;
     int bridges_ = 0;
 };
@@ -269,8 +188,8 @@ TEST_F(StoreForward, BrokerOutageReplayedInOrderAcrossKills)
     wait_processed();
 
     ASSERT_TRUE(broker_.start());
-    watch(filter_);
-    const int births = wait_for(MsgType::NBIRTH, raw().size());
+    traffic_.watch(broker_.port());
+    const int births = wait_for(MsgType::NBIRTH, traffic_.count());
     ASSERT_GE(births, 0);
     // Killed again a moment into the replay, the broker frozen meanwhile so
     // that what the bridge has written stays where it is.
@@ -328,20 +247,20 @@ TEST_F(StoreForward, FullStoreDropsTheOldestAndSaysHowMany)
     EXPECT_LE(on_disk, CAP);
 
     ASSERT_TRUE(broker_.start());
-    watch(filter_);
+    traffic_.watch(broker_.port());
     ASSERT_TRUE(bridge_->wait_err("every stored message has been sent", 30s)) << bridge_->err();
     ASSERT_GE(wait_value(600), 0);
     const auto all = received();
     const int birth = wait_for(MsgType::NBIRTH, 1);
     ASSERT_GE(birth, 0);
-    const auto dropped = node_metric(all[static_cast<size_t>(birth)].payload, "Store/Dropped Values");
+    const auto dropped = integer(all[static_cast<size_t>(birth)].payload, "Store/Dropped Values");
     ASSERT_TRUE(dropped);
     // Whole messages go, the oldest first: the replay starts right after them.
     const int first = wait_for(MsgType::DDATA, static_cast<size_t>(birth));
     ASSERT_GE(first, 0);
-    const uint64_t oldest_kept = node_metric(all[static_cast<size_t>(first)].payload, "v0").value_or(0);
+    const auto oldest_kept = static_cast<uint64_t>(integer(all[static_cast<size_t>(first)].payload, "v0").value_or(0));
     EXPECT_GT(oldest_kept, 2u);
-    EXPECT_EQ(*dropped, (oldest_kept - 2) * NODES);
+    EXPECT_EQ(static_cast<uint64_t>(*dropped), (oldest_kept - 2) * NODES);
     EXPECT_TRUE(all[static_cast<size_t>(first)].payload.metrics.at(0).historical);
     std::vector<SpMessage> after(all.begin() + birth, all.end());
     History h;
@@ -354,30 +273,30 @@ TEST_F(StoreForward, PrimaryHostGatesBirthsAndEndsTheSessionWhenOffline)
     ASSERT_TRUE(bridge_->wait_err("connected to")) << bridge_->err();
     emit(1, 3); // values wait for the host, births too
     ASSERT_TRUE(bridge_->wait_err("storing data until")) << bridge_->err();
-    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":true,"timestamp":1000})", 1, true));
+    ASSERT_TRUE(traffic_.sub().publish(HOST_STATE, R"({"online":true,"timestamp":1000})", 1, true));
     const int birth = wait_for(MsgType::NBIRTH);
     ASSERT_GE(birth, 0);
-    const auto bd = node_metric(received()[static_cast<size_t>(birth)].payload, "bdSeq");
+    const auto bd = integer(received()[static_cast<size_t>(birth)].payload, "bdSeq");
     emit(4, 4);
     ASSERT_GE(wait_value(4), 0);
 
     // Older than the online STATE seen: ignored, the session goes on.
-    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":false,"timestamp":999})", 1, true));
+    ASSERT_TRUE(traffic_.sub().publish(HOST_STATE, R"({"online":false,"timestamp":999})", 1, true));
     ASSERT_TRUE(bridge_->wait_err("STATE stale")) << bridge_->err();
     emit(5, 5);
     ASSERT_GE(wait_value(5), 0);
 
-    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":false,"timestamp":1000})", 1, true));
+    ASSERT_TRUE(traffic_.sub().publish(HOST_STATE, R"({"online":false,"timestamp":1000})", 1, true));
     const int death = wait_for(MsgType::NDEATH);
     ASSERT_GE(death, 0);
-    EXPECT_EQ(node_metric(received()[static_cast<size_t>(death)].payload, "bdSeq"), bd);
+    EXPECT_EQ(integer(received()[static_cast<size_t>(death)].payload, "bdSeq"), bd);
     ASSERT_TRUE(bridge_->wait_err("connected to", 20s, 2)) << bridge_->err();
     emit(6, 8);
     ASSERT_TRUE(bridge_->wait_err("storing data until", 10s, 2)) << bridge_->err();
-    ASSERT_TRUE(sub_->publish(HOST_STATE, R"({"online":true,"timestamp":2000})", 1, true));
+    ASSERT_TRUE(traffic_.sub().publish(HOST_STATE, R"({"online":true,"timestamp":2000})", 1, true));
     const int again = wait_for(MsgType::NBIRTH, static_cast<size_t>(death));
     ASSERT_GE(again, 0);
-    EXPECT_EQ(node_metric(received()[static_cast<size_t>(again)].payload, "bdSeq"), *bd + 1);
+    EXPECT_EQ(integer(received()[static_cast<size_t>(again)].payload, "bdSeq"), *bd + 1);
     emit(9, 9);
     ASSERT_GE(wait_value(9), 0);
 
@@ -397,7 +316,7 @@ TEST_F(StoreForward, CorruptStoreSetAsideAndJsonReplayedWithItsTimes)
 {
     ASSERT_EQ(mkdir(state_dir().c_str(), 0700), 0);
     dstest::write_file(state_dir() + "/store-json-plant-gw1.db", std::string(8192, 'x'));
-    watch("site/line");
+    traffic_.watch(broker_.port(), "site/line");
     start_bridge({"--mode", "json", "--topic-prefix", "site"});
     ASSERT_TRUE(bridge_->wait_err("is not usable")) << bridge_->err();
     EXPECT_TRUE(bridge_->wait_err("set aside as " + state_dir() + "/store-json-plant-gw1.db.corrupt-"))
@@ -406,7 +325,7 @@ TEST_F(StoreForward, CorruptStoreSetAsideAndJsonReplayedWithItsTimes)
 
     auto values = [&] {
         std::vector<std::pair<uint64_t, int64_t>> out; // v0, timestamp
-        for (const auto &r : raw()) {
+        for (const auto &r : traffic_.raw()) {
             std::unique_ptr<JsonNode, void (*)(JsonNode *)> n(json_from_string(r.payload.c_str(), nullptr),
                                                               json_node_unref);
             JsonObject *o = n ? json_node_get_object(n.get()) : nullptr;
@@ -418,7 +337,7 @@ TEST_F(StoreForward, CorruptStoreSetAsideAndJsonReplayedWithItsTimes)
         return out;
     };
     emit(1, 1);
-    ASSERT_TRUE(sub_->wait([](const auto &m) { return m.size() == 1; })) << bridge_->err();
+    ASSERT_TRUE(traffic_.sub().wait([](const auto &m) { return m.size() == 1; })) << bridge_->err();
 
     broker_.stop();
     ASSERT_TRUE(bridge_->wait_err("lost the broker")) << bridge_->err();
@@ -426,7 +345,7 @@ TEST_F(StoreForward, CorruptStoreSetAsideAndJsonReplayedWithItsTimes)
     wait_processed();
     const auto back_at = g_get_real_time() / 1000;
     ASSERT_TRUE(broker_.start());
-    watch("site/line");
+    traffic_.watch(broker_.port(), "site/line");
     ASSERT_TRUE(bridge_->wait_err("every stored message has been sent", 20s)) << bridge_->err();
     emit(21, 21);
     ASSERT_TRUE(wait_until([&] { return values().size() == 21; }, 10s)) << bridge_->err();

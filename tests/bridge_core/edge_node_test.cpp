@@ -93,7 +93,7 @@ TEST(EdgeNode, BirthsThenDataByException)
     EXPECT_EQ(en.alive_devices(), (Lines{"press", "oven"}));
 }
 
-TEST(EdgeNode, FailedReadIsNullOnceThenBack)
+TEST(EdgeNode, FailedReadOrUnreadableTextIsNullOnceThenBack)
 {
     EdgeNode en(config());
     en.on_cycle(cycle(1000, {press("5", "20.500000", "1")}));
@@ -104,21 +104,21 @@ TEST(EdgeNode, FailedReadIsNullOnceThenBack)
               (Lines{"DDATA g/e/press no seq: temp=20.5"}));
     EXPECT_TRUE(en.born("press", "temp", sp::Float));
     EXPECT_EQ(en.unparsable_values(), 0u);
-}
 
-TEST(EdgeNode, UnparsableTextIsNullAndCounted)
-{
-    EdgeNode en(config());
-    EXPECT_EQ(lines(en.on_cycle(cycle(1000, {press("read error", "20.500000", "1")}))),
+    // A text that does not read for its type is null too, and counted.
+    EXPECT_EQ(lines(en.on_cycle(cycle(5000, {press("read error", "20.500000", "1")}))),
+              (Lines{"DDATA g/e/press no seq: count=null"}));
+    EXPECT_TRUE(en.on_cycle(cycle(6000, {press("read error", "20.500000", "1")})).empty());
+    EXPECT_EQ(en.unparsable_values(), 2u);
+    EXPECT_EQ(lines(en.on_cycle(cycle(7000, {press("7", "20.500000", "1")}))),
+              (Lines{"DDATA g/e/press no seq: count=7"}));
+    EdgeNode fresh(config());
+    EXPECT_EQ(lines(fresh.on_cycle(cycle(1000, {press("read error", "20.500000", "1")}))),
               (Lines{"DBIRTH g/e/press no seq: count=null (UInt16) @D0, temp=20.5 (Float) @D2, "
                      "run=true (Boolean) @M0"}));
-    EXPECT_TRUE(en.on_cycle(cycle(2000, {press("read error", "20.500000", "1")})).empty());
-    EXPECT_EQ(en.unparsable_values(), 2u);
-    EXPECT_EQ(lines(en.on_cycle(cycle(3000, {press("7", "20.500000", "1")}))),
-              (Lines{"DDATA g/e/press no seq: count=7"}));
 }
 
-TEST(EdgeNode, PlcThatStopsAnsweringDiesAndIsBornAgain)
+TEST(EdgeNode, PlcThatStopsAnsweringOrADaemonGoneDiesAndIsBornAgain)
 {
     EdgeNode en(config());
     en.on_cycle(cycle(1000, {press("5", "20.500000", "1"), oven("1")}));
@@ -133,10 +133,14 @@ TEST(EdgeNode, PlcThatStopsAnsweringDiesAndIsBornAgain)
               (Lines{kPressBirth}));
     EXPECT_EQ(en.births(0, 5000).size(), 3u);
 
-    // A device that never answered is never born, nor dies.
-    EdgeNode fresh(config());
-    EXPECT_TRUE(fresh.on_cycle(cycle(1000, {device(3, "silent", {})})).empty());
-    EXPECT_TRUE(fresh.on_cycle(cycle(2000, {})).empty());
+    // A device that never answered is never born, nor dies; the daemon
+    // gone, the live devices die, once.
+    en.on_cycle(cycle(6000, {press("5", "20.500000", "1"), device(3, "silent", {}), oven("1")}));
+    EXPECT_EQ(lines(en.on_daemon_gone(9000)),
+              (Lines{"DDEATH g/e/press no seq: no metrics", "DDEATH g/e/oven no seq: no metrics"}));
+    EXPECT_TRUE(en.alive_devices().empty());
+    EXPECT_TRUE(en.on_daemon_gone(9500).empty());
+    EXPECT_EQ(lines(en.on_cycle(cycle(10000, {press("5", "20.500000", "1")}))), (Lines{kPressBirth}));
 }
 
 TEST(EdgeNode, DeletedDeviceDiesAndOrderWithinACycle)
@@ -245,17 +249,6 @@ TEST(EdgeNode, DeviceIdsFollowTheMode)
     EdgeNode by_id(config(DeviceIdMode::Id));
     by_id.on_cycle(cycle(1000, {device(7, "press", {node("a", "D0", NodeU8, "1")})}));
     EXPECT_EQ(by_id.alive_devices(), (Lines{"7"}));
-}
-
-TEST(EdgeNode, DaemonGoneKillsLiveDevicesOnly)
-{
-    EdgeNode en(config());
-    en.on_cycle(cycle(1000, {press("5", "20.500000", "1"), device(3, "silent", {}), oven("1")}));
-    EXPECT_EQ(lines(en.on_daemon_gone(9000)),
-              (Lines{"DDEATH g/e/press no seq: no metrics", "DDEATH g/e/oven no seq: no metrics"}));
-    EXPECT_TRUE(en.alive_devices().empty());
-    EXPECT_TRUE(en.on_daemon_gone(9500).empty());
-    EXPECT_EQ(lines(en.on_cycle(cycle(10000, {press("5", "20.500000", "1")}))), (Lines{kPressBirth}));
 }
 
 TEST(EdgeNode, WillAndNodeMetrics)

@@ -1,7 +1,6 @@
 // The bridge's on-disk queue: order, the cap, files that are not a store,
 // and a process killed while it writes.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -379,84 +379,53 @@ TEST(StoreRecovery, EmptyFileIsANewStoreAndAStoreInUseIsLeftAlone)
 
 namespace {
 
-// What a killed writer had reported as done, read from its pipe.
+// What a killed writer had reported as done.
 struct Reports {
-    uint64_t appended = 0;      // highest number whose append returned
-    uint64_t removed = 0;       // highest number whose removal returned
+    uint64_t appended = 0; // highest number whose append returned
+    uint64_t removed = 0;  // highest number whose removal returned
 };
 
-// The child: opens the store, then forever appends the next number and,
+// A child that opens the store, then forever appends the next number and,
 // once 40 are waiting, removes the oldest few, reporting each step that
-// returned as 'a' or 'r' with the number.
-[[noreturn]] void writer(const std::string &path, int fd)
+// returned as a line "a N" or "r N" in `log`; killed once it has reported
+// `steps`. The last reports.
+Reports kill_writer_after(const std::string &path, const std::string &log, int steps)
 {
-    std::string notice;
-    auto s = Store::open(path, 4 * kMiB, &notice);
-    if (!s)
-        _exit(2);
-    auto stored = s->peek(SIZE_MAX);
-    uint64_t next = stored.empty() ? 1 : number_of(stored.back()) + 1;
-    for (;; ++next) {
-        if (!append_numbers(*s, next, next, 200))
-            _exit(3);
-        char line[32];
-        int n = snprintf(line, sizeof line, "a%llu\n", static_cast<unsigned long long>(next));
-        if (write(fd, line, static_cast<size_t>(n)) != n)
-            _exit(4);
-        if (s->count() > 40) {
-            auto head = s->peek(3);
-            if (!s->remove_through(head.back().id))
-                _exit(5);
-            n = snprintf(line, sizeof line, "r%llu\n",
-                         static_cast<unsigned long long>(number_of(head.back())));
-            if (write(fd, line, static_cast<size_t>(n)) != n)
-                _exit(4);
-        }
-    }
-}
-
-// Runs the writer until it has reported `steps` lines, kills it, and
-// returns the last of its reports.
-Reports kill_writer_after(const std::string &path, int steps)
-{
-    Reports r;
-    int fds[2];
-    if (pipe(fds) != 0) {
-        ADD_FAILURE() << "pipe";
-        return r;
-    }
+    dstest::write_file(log, "");
     const pid_t pid = fork();
     if (pid == 0) {
-        close(fds[0]);
-        writer(path, fds[1]);
-    }
-    close(fds[1]);
-    std::string pending;
-    int seen = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (seen < steps && std::chrono::steady_clock::now() < deadline) {
-        pollfd p{fds[0], POLLIN, 0};
-        if (poll(&p, 1, 1000) <= 0)
-            continue;
-        char buf[4096];
-        const ssize_t n = read(fds[0], buf, sizeof buf);
-        if (n <= 0)
-            break;
-        pending.append(buf, static_cast<size_t>(n));
-        size_t eol;
-        while ((eol = pending.find('\n')) != std::string::npos) {
-            const uint64_t num = std::stoull(pending.substr(1, eol - 1));
-            (pending[0] == 'a' ? r.appended : r.removed) = num;
-            pending.erase(0, eol + 1);
-            ++seen;
+        FILE *out = fopen(log.c_str(), "a");
+        auto s = Store::open(path, 4 * kMiB, nullptr);
+        if (s == nullptr || out == nullptr)
+            _exit(2);
+        auto stored = s->peek(SIZE_MAX);
+        for (uint64_t next = stored.empty() ? 1 : number_of(stored.back()) + 1;; ++next) {
+            if (!append_numbers(*s, next, next, 200))
+                _exit(3);
+            fprintf(out, "a %llu\n", static_cast<unsigned long long>(next));
+            fflush(out);
+            if (s->count() > 40) {
+                auto head = s->peek(3);
+                if (!s->remove_through(head.back().id))
+                    _exit(5);
+                fprintf(out, "r %llu\n", static_cast<unsigned long long>(number_of(head.back())));
+            }
+            fflush(out);
         }
     }
+    const bool reached = dstest::wait_until([&] { return dstest::count_of(dstest::read_file(log), "\n") >=
+                                                         static_cast<size_t>(steps); },
+                                            std::chrono::seconds(60), std::chrono::milliseconds(1));
     kill(pid, SIGKILL);
     int status = 0;
     waitpid(pid, &status, 0);
-    close(fds[0]);
-    EXPECT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
-    EXPECT_EQ(seen >= steps, true) << "the writer reported only " << seen;
+    EXPECT_TRUE(reached && WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
+    Reports r;
+    std::istringstream lines(dstest::read_file(log));
+    std::string line;
+    while (std::getline(lines, line))
+        if (line.size() > 2)
+            (line[0] == 'a' ? r.appended : r.removed) = std::stoull(line.substr(2));
     return r;
 }
 
@@ -469,7 +438,7 @@ TEST(StoreCrash, WriterKilledWhileAppendingAndRemovingLosesNothingCommitted)
     // Killed at different moments, restarted on the same store each time.
     for (int steps : {150, 401, 977}) {
         SCOPED_TRACE(steps);
-        const Reports r = kill_writer_after(path, steps);
+        const Reports r = kill_writer_after(path, dir.file("log"), steps);
         auto s = open_store(path, 4 * kMiB);
         ASSERT_TRUE(s);
         const auto kept = numbers(*s);

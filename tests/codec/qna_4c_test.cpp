@@ -52,6 +52,13 @@ struct Decoded {
     int rc;
     uint16_t code;
     std::string value;
+    // "rc code value", the code in hex, to compare in one go.
+    std::string shown() const
+    {
+        char c[8];
+        snprintf(c, sizeof c, "%X", code);
+        return std::to_string(rc) + " " + c + " " + value;
+    }
 };
 
 Decoded decode5(const bytes &a)
@@ -196,32 +203,19 @@ TEST(QnA4CAnswer5, GoodAnswersByUnits)
 {
     ASSERT_GT(build_QnA_4C_request_msg_of_format_5(SUB_COMMAND_WORD, "D100"), 0);
     const bytes word = cat({{0x10, 0x02, 0x0E, 0x00}, head5, {0x00, 0x00, 0x34, 0x12, 0x10, 0x03, '4', 'B'}});
-    Decoded r = decode5(word);
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.code, 0);
-    EXPECT_EQ(r.value, "4660");
-
+    EXPECT_EQ(decode5(word).shown(), "0 0 4660");
     // The PLC doubles a DLE in the data; the length field counts it once.
     const bytes dle = cat({{0x10, 0x02, 0x0E, 0x00}, head5, {0x00, 0x00, 0x10, 0x10, 0x10, 0x10, 0x10, 0x03, '2', '5'}});
-    r = decode5(dle);
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.value, "4112");
-
+    EXPECT_EQ(decode5(dle).shown(), "0 0 4112");
     // Words are shown unsigned.
-    r = decode5(answer5(cat({{0x0E, 0x00}, head5, {0x00, 0x00, 0xFF, 0xFF}})));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.value, "65535");
+    EXPECT_EQ(decode5(answer5(cat({{0x0E, 0x00}, head5, {0x00, 0x00, 0xFF, 0xFF}}))).shown(), "0 0 65535");
 
     ASSERT_GT(build_QnA_4C_request_msg_of_format_5(SUB_COMMAND_BIT, "M20"), 0);
     const bytes bit = cat({{0x10, 0x02, 0x0D, 0x00}, head5, {0x00, 0x00, 0x01, 0x10, 0x03, '0', '5'}});
-    r = decode5(bit);
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.value, "1");
+    EXPECT_EQ(decode5(bit).shown(), "0 0 1");
     // Any non-zero bit byte is 1.
-    r = decode5(answer5(cat({{0x0D, 0x00}, head5, {0x00, 0x00, 0x11}})));
-    EXPECT_EQ(r.value, "1");
-    r = decode5(answer5(cat({{0x0D, 0x00}, head5, {0x00, 0x00, 0x00}})));
-    EXPECT_EQ(r.value, "0");
+    EXPECT_EQ(decode5(answer5(cat({{0x0D, 0x00}, head5, {0x00, 0x00, 0x11}}))).shown(), "0 0 1");
+    EXPECT_EQ(decode5(answer5(cat({{0x0D, 0x00}, head5, {0x00, 0x00, 0x00}}))).shown(), "0 0 0");
 }
 
 TEST(QnA4CAnswer5, ErrorAnswerCarriesEndCode)
@@ -230,9 +224,7 @@ TEST(QnA4CAnswer5, ErrorAnswerCarriesEndCode)
     ASSERT_GT(build_QnA_4C_request_msg_of_format_5(SUB_COMMAND_WORD, "D100"), 0);
     const bytes refused = cat({{0x10, 0x02, 0x0C, 0x00}, head5, {0x56, 0xC0, 0x10, 0x03, '1', '9'}});
     Decoded r = decode5(refused);
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.code, 0xC056);
-    EXPECT_EQ(r.value, "untouched");
+    EXPECT_EQ(r.shown(), "0 C056 untouched");
     EXPECT_TRUE(logs.contains(" respond_code = c056H\n"));
     // An error answer that claims data is malformed.
     r = decode5(answer5(cat({{0x0E, 0x00}, head5, {0x56, 0xC0, 0x00, 0x00}})));
@@ -271,9 +263,8 @@ TEST(QnA4CAnswer5, MalformedAnswersFail)
         bytes bad = good;
         bad[c.at] = c.value;
         logs.clear();
-        Decoded r = decode5(bad);
-        EXPECT_EQ(r.rc, -1) << c.at;
-        EXPECT_EQ(r.value, "untouched") << c.at;
+        const Decoded r = decode5(bad);
+        EXPECT_EQ(std::to_string(r.rc) + " " + r.value, "-1 untouched") << c.at;
         EXPECT_TRUE(logs.contains(c.log)) << c.at << ": " << logs.text();
     }
 }
@@ -315,25 +306,14 @@ TEST(QnA4CAnswerAscii, GoodAnswersPerFormat)
 {
     ASSERT_GT(build_QnA_4C_request_msg_of_format_1_4(1, SUB_COMMAND_WORD, "D100"), 0);
     const std::string head = "F80000FF03FF0000";
-    Decoded r = decode14(1, cat({{0x02}, text(head + "1234"), {0x03}, text("46")}));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.code, 0);
-    EXPECT_EQ(r.value, "4660");
+    EXPECT_EQ(decode14(1, cat({{0x02}, text(head + "1234"), {0x03}, text("46")})).shown(), "0 0 4660");
     // Lower-case hex is read as well.
-    r = decode14(1, cat({{0x02}, text(head + "abcd"), {0x03}, text("06")}));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.value, "43981");
-    r = decode14(2, cat({{0x02}, text("00" + head + "1234"), {0x03}, text("A6")}));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.value, "4660");
-    r = decode14(4, cat({{0x02}, text(head + "1234"), {0x03}, text("46"), {0x0D, 0x0A}}));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.value, "4660");
-
+    EXPECT_EQ(decode14(1, cat({{0x02}, text(head + "abcd"), {0x03}, text("06")})).shown(), "0 0 43981");
+    EXPECT_EQ(decode14(2, cat({{0x02}, text("00" + head + "1234"), {0x03}, text("A6")})).shown(), "0 0 4660");
+    EXPECT_EQ(decode14(4, cat({{0x02}, text(head + "1234"), {0x03}, text("46"), {0x0D, 0x0A}})).shown(),
+              "0 0 4660");
     ASSERT_GT(build_QnA_4C_request_msg_of_format_1_4(3, SUB_COMMAND_BIT, "M20"), 0);
-    r = decode14(3, cat({{0x02}, text(head + "QACK1"), {0x03}, text("CD")}));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.value, "1");
+    EXPECT_EQ(decode14(3, cat({{0x02}, text(head + "QACK1"), {0x03}, text("CD")})).shown(), "0 0 1");
 }
 
 TEST(QnA4CAnswerAscii, RefusalCarriesEndCode)
@@ -341,13 +321,9 @@ TEST(QnA4CAnswerAscii, RefusalCarriesEndCode)
     dstest::LogRecords logs;
     ASSERT_GT(build_QnA_4C_request_msg_of_format_1_4(3, SUB_COMMAND_WORD, "D100"), 0);
     Decoded r = decode14(3, cat({{0x15}, text("F80000FF03FF0000QNAK4031"), {0x03}}));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.code, 0x4031);
-    EXPECT_EQ(r.value, "untouched");
+    EXPECT_EQ(r.shown(), "0 4031 untouched");
     EXPECT_TRUE(logs.contains(" respond_code = 4031H\n"));
-    r = decode14(1, cat({{0x15}, text("F80000FF03FF00004031")}));
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.code, 0x4031);
+    EXPECT_EQ(decode14(1, cat({{0x15}, text("F80000FF03FF00004031")})).shown(), "0 4031 untouched");
     r = decode14(3, cat({{0x15}, text("F80000FF03FF0000QACK4031"), {0x03}}));
     EXPECT_EQ(r.rc, -1);
     EXPECT_TRUE(logs.contains(" position=17; offset=4; temp:QACK != abnormal_end_code:QNAK\n"));
@@ -383,9 +359,8 @@ TEST(QnA4CAnswerAscii, MalformedAnswersFail)
         bytes bad = good;
         bad[c.at] = c.value;
         logs.clear();
-        Decoded r = decode14(4, bad);
-        EXPECT_EQ(r.rc, -1) << c.at;
-        EXPECT_EQ(r.value, "untouched") << c.at;
+        const Decoded r = decode14(4, bad);
+        EXPECT_EQ(std::to_string(r.rc) + " " + r.value, "-1 untouched") << c.at;
         EXPECT_TRUE(logs.contains(c.log)) << c.at << ": " << logs.text();
     }
     for (size_t n = 0; n < good.size(); ++n) {

@@ -5,6 +5,8 @@
 #include <csignal>
 #include <unistd.h>
 
+#include <map>
+
 #include "support/daemon_fixture.h"
 
 using namespace dstest;
@@ -133,6 +135,17 @@ TEST_F(Daemon, RunningDaemonPidFileStartupCallsAndSignals)
     EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s, 2));
     EXPECT_TRUE(daemon_->running());
     EXPECT_FALSE(introspect(conn()).empty());
+
+    // The user unit stops it with its KillSignal, which must not be SIGTERM.
+    const std::string unit = read_file(DS_SOURCE_DIR "/packaging/device-service.service");
+    EXPECT_NE(unit.find("\nBusName=com.fernwick.DeviceService\n"), std::string::npos);
+    const std::map<std::string, int> signals = {{"SIGINT", SIGINT}, {"SIGKILL", SIGKILL}, {"SIGQUIT", SIGQUIT}};
+    const size_t at = unit.find("\nKillSignal=");
+    ASSERT_NE(at, std::string::npos);
+    const std::string name = unit.substr(at + 12, unit.find('\n', at + 1) - at - 12);
+    ASSERT_EQ(signals.count(name), 1u) << "KillSignal=" << name;
+    daemon_->send_signal(signals.at(name));
+    EXPECT_NE(daemon_->wait_exit(), -1000) << name << " ends it";
 }
 
 TEST_F(Daemon, SecondInstanceExits255WithoutTouchingBusOrDatabase)

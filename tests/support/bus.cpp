@@ -1,11 +1,7 @@
 #include "support/bus.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <functional>
 #include <stdexcept>
 #include <thread>
@@ -28,58 +24,23 @@ constexpr char BUS_CONFIG[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD
 </busconfig>
 )";
 
-bool reap(pid_t pid, int *status, std::chrono::milliseconds timeout)
-{
-    return wait_until(
-        [&] {
-            pid_t r = waitpid(pid, status, WNOHANG);
-            return r == pid || (r < 0 && errno == ECHILD);
-        },
-        timeout, 5ms);
-}
-
 } // namespace
 
 PrivateBus::PrivateBus()
 {
     const std::string config = dir_.file("bus.conf");
     write_file(config, BUS_CONFIG);
-    int fds[2];
-    if (pipe(fds) != 0)
-        throw std::runtime_error("pipe failed");
-    pid_ = fork();
-    if (pid_ == 0) {
-        close(fds[0]);
-        const std::string cfg_arg = "--config-file=" + config;
-        const std::string addr_arg = "--print-address=3";
-        int devnull = open("/dev/null", O_RDWR);
-        if (devnull >= 0) {
-            dup2(devnull, 0);
-            dup2(devnull, 1);
-        }
-        if (fds[1] != 3) {
-            dup2(fds[1], 3);
-            close(fds[1]);
-        }
-        close_range(4, ~0U, 0);
-        execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", cfg_arg.c_str(),
-               addr_arg.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    close(fds[1]);
-    std::string line;
-    char c;
+    gchar *program = g_find_program_in_path("dbus-daemon");
+    const std::string path = program != nullptr ? program : "dbus-daemon";
+    g_free(program);
+    daemon_ = std::make_unique<Child>(std::vector<std::string>{path, "--nofork", "--nopidfile",
+                                                               "--config-file=" + config, "--print-address=1"},
+                                      dir_.path(), "dbus-daemon");
     // The daemon prints its address once it listens: that is readiness.
-    while (read(fds[0], &c, 1) == 1 && c != '\n')
-        line += c;
-    close(fds[0]);
-    if (line.empty()) {
-        int status = 0;
-        reap(pid_, &status, 2s);
-        pid_ = -1;
-        throw std::runtime_error("dbus-daemon did not start");
-    }
-    address_ = line;
+    const auto printed = [&] { return daemon_->out().find('\n') != std::string::npos; };
+    if (!wait_until([&] { return printed() || !daemon_->running(); }, 10s) || !printed())
+        throw std::runtime_error("dbus-daemon did not start: " + daemon_->err());
+    address_ = daemon_->out().substr(0, daemon_->out().find('\n'));
 }
 
 PrivateBus::~PrivateBus()
@@ -88,14 +49,8 @@ PrivateBus::~PrivateBus()
         g_dbus_connection_close_sync(conn_, nullptr, nullptr);
         g_object_unref(conn_);
     }
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        int status = 0;
-        if (!reap(pid_, &status, 5s)) {
-            kill(pid_, SIGKILL);
-            reap(pid_, &status, 5s);
-        }
-    }
+    daemon_->signal(SIGTERM);
+    daemon_->wait_exit(5s); // killed by its destructor otherwise
 }
 
 GDBusConnection *PrivateBus::new_connection() const
@@ -152,113 +107,35 @@ std::string default_daemon_binary()
     return env != nullptr && *env != '\0' ? env : DS_TEST_DAEMON;
 }
 
-DaemonProcess::DaemonProcess(DaemonOptions options) : opts_(std::move(options))
+namespace {
+
+std::vector<std::string> daemon_args(const DaemonOptions &o)
 {
-    if (opts_.pid_file.empty())
-        opts_.pid_file = opts_.workdir + "/device-service.pid";
-    if (opts_.tty1.empty())
-        opts_.tty1 = opts_.workdir + "/ttymxc1";
-    if (opts_.tty2.empty())
-        opts_.tty2 = opts_.workdir + "/ttymxc2";
-    const std::string out_path = opts_.workdir + "/" + opts_.log_name + ".out";
-    const std::string err_path = opts_.workdir + "/" + opts_.log_name + ".err";
-    pid_ = fork();
-    if (pid_ == 0) {
-        int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int in = open("/dev/null", O_RDONLY);
-        if (out < 0 || err < 0 || in < 0 || chdir(opts_.workdir.c_str()) != 0)
-            _exit(126);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        // Nothing else of the test goes along: a listening socket of a
-        // simulated PLC inherited here would outlive the simulator.
-        close_range(3, ~0U, 0);
-        setenv("DBUS_SESSION_BUS_ADDRESS", opts_.bus_address.c_str(), 1);
-        // Keep GLib's own debug chatter out of the daemon's output.
-        unsetenv("G_MESSAGES_DEBUG");
-        std::vector<std::string> args = {opts_.binary,       "--pid-file", opts_.pid_file,
-                                         "--tty1",           opts_.tty1,   "--tty2",
-                                         opts_.tty2};
-        if (opts_.test_driver)
-            args.emplace_back("--test-driver");
-        std::vector<char *> argv;
-        for (auto &a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(opts_.binary.c_str(), argv.data());
-        _exit(127);
-    }
-    if (pid_ < 0)
-        throw std::runtime_error("fork failed");
+    std::vector<std::string> args = {o.binary, "--pid-file", o.pid_file, "--tty1", o.tty1, "--tty2", o.tty2};
+    if (o.test_driver)
+        args.emplace_back("--test-driver");
+    return args;
 }
 
-DaemonProcess::~DaemonProcess()
+DaemonOptions completed(DaemonOptions o)
 {
-    kill_now();
+    if (o.pid_file.empty())
+        o.pid_file = o.workdir + "/device-service.pid";
+    if (o.tty1.empty())
+        o.tty1 = o.workdir + "/ttymxc1";
+    if (o.tty2.empty())
+        o.tty2 = o.workdir + "/ttymxc2";
+    return o;
 }
 
-void DaemonProcess::kill_now()
-{
-    if (pid_ > 0 && !reaped_) {
-        kill(pid_, SIGKILL);
-        reap(pid_, &status_, 10s);
-        reaped_ = true;
-    }
-}
+} // namespace
 
-std::string DaemonProcess::out() const
+// GLib's own debug chatter stays out of the daemon's output.
+DaemonProcess::DaemonProcess(DaemonOptions options)
+    : opts_(completed(std::move(options))),
+      child_(daemon_args(opts_), opts_.workdir, opts_.log_name,
+             {opts_.workdir, {"DBUS_SESSION_BUS_ADDRESS=" + opts_.bus_address, "G_MESSAGES_DEBUG"}})
 {
-    return read_file(opts_.workdir + "/" + opts_.log_name + ".out");
-}
-
-std::string DaemonProcess::err() const
-{
-    return read_file(opts_.workdir + "/" + opts_.log_name + ".err");
-}
-
-bool DaemonProcess::wait_output(const std::string &needle, std::chrono::milliseconds timeout,
-                                size_t occurrences) const
-{
-    return wait_until([&] { return count_of(out(), needle) >= occurrences; }, timeout, 20ms);
-}
-
-int DaemonProcess::wait_exit(std::chrono::milliseconds timeout)
-{
-    if (!reaped_) {
-        if (!wait_until(
-                [&] {
-                    pid_t r = waitpid(pid_, &status_, WNOHANG);
-                    return r == pid_;
-                },
-                timeout, 5ms))
-            return -1000;
-        reaped_ = true;
-    }
-    if (WIFEXITED(status_))
-        return WEXITSTATUS(status_);
-    if (WIFSIGNALED(status_))
-        return 128 + WTERMSIG(status_);
-    return -1;
-}
-
-bool DaemonProcess::running()
-{
-    if (reaped_)
-        return false;
-    pid_t r = waitpid(pid_, &status_, WNOHANG);
-    if (r == pid_) {
-        reaped_ = true;
-        return false;
-    }
-    return true;
-}
-
-void DaemonProcess::send_signal(int signo)
-{
-    if (!reaped_)
-        kill(pid_, signo);
 }
 
 CallResult call_device(GDBusConnection *conn, const char *method, GVariant *params,

@@ -6,10 +6,11 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "support/test_util.h"
+#include "support/child.h"
 
 namespace dstest {
 
@@ -33,7 +34,7 @@ public:
 
 private:
     TempDir dir_;
-    pid_t pid_ = -1;
+    std::unique_ptr<Child> daemon_;
     std::string address_;
     GDBusConnection *conn_ = nullptr;
 };
@@ -58,27 +59,29 @@ struct DaemonOptions {
 class DaemonProcess {
 public:
     explicit DaemonProcess(DaemonOptions options);
-    ~DaemonProcess();
-    DaemonProcess(const DaemonProcess &) = delete;
-    DaemonProcess &operator=(const DaemonProcess &) = delete;
 
-    pid_t pid() const { return pid_; }
-    std::string out() const;
-    std::string err() const;
+    pid_t pid() const { return child_.pid(); }
+    std::string out() const { return child_.out(); }
+    std::string err() const { return child_.err(); }
     bool wait_output(const std::string &needle, std::chrono::milliseconds timeout = 10s,
-                     size_t occurrences = 1) const;
+                     size_t occurrences = 1) const
+    {
+        return child_.wait_out(needle, timeout, occurrences);
+    }
     // Exit status once it has ended, or -1000 when it did not end in time.
-    int wait_exit(std::chrono::milliseconds timeout = 10s);
-    bool running();
-    void send_signal(int signo);
-    void kill_now();
+    int wait_exit(std::chrono::milliseconds timeout = 10s)
+    {
+        const int status = child_.wait_exit(timeout);
+        return status == -1 ? -1000 : status;
+    }
+    bool running() { return child_.running(); }
+    void send_signal(int signo) { child_.signal(signo); }
+    void kill_now() { child_.kill_now(); }
     const DaemonOptions &options() const { return opts_; }
 
 private:
     DaemonOptions opts_;
-    pid_t pid_ = -1;
-    bool reaped_ = false;
-    int status_ = 0;
+    Child child_;
 };
 
 // Result of a device service method call.

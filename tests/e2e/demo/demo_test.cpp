@@ -5,12 +5,9 @@
 
 #include <dirent.h>
 #include <glib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-
-#include "support/test_util.h"
+#include "support/child.h"
 
 using namespace dstest;
 
@@ -36,23 +33,11 @@ std::vector<int> session_members(pid_t sid)
 TEST(Demo, RunsTheSimulatedPlantAndLeavesNothingBehind)
 {
     TempDir dir;
-    const std::string out_path = dir.file("demo.out");
-    const pid_t pid = fork();
-    if (pid == 0) {
-        setsid();
-        FILE *out = freopen(out_path.c_str(), "w", stdout);
-        dup2(fileno(out), 2);
-        setenv("DS_DEMO_BUILD", DS_BINARY_DIR, 1);
-        setenv("DS_DEMO_NO_BUILD", "1", 1);
-        setenv("TMPDIR", dir.path().c_str(), 1);
-        execlp("bash", "bash", DS_SOURCE_DIR "/scripts/demo.sh", "--seconds", "8",
-               static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    ASSERT_TRUE(wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 90s));
-    const std::string out = read_file(out_path);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    Child demo({"/bin/bash", DS_SOURCE_DIR "/scripts/demo.sh", "--seconds", "8"}, dir.path(), "demo",
+               {"", {"DS_DEMO_BUILD=" DS_BINARY_DIR, "DS_DEMO_NO_BUILD=1", "TMPDIR=" + dir.path()}, true});
+    const pid_t pid = demo.pid();
+    EXPECT_EQ(demo.wait_exit(90s), 0) << demo.out() << demo.err();
+    const std::string out = demo.out() + demo.err();
 
     // Every model's first node counts up with the plant: it shows and moves
     // between cycles. The S7 family needs port 102, so only as root.
@@ -93,7 +78,7 @@ TEST(Demo, RunsTheSimulatedPlantAndLeavesNothingBehind)
     DIR *d = opendir(dir.path().c_str());
     int entries = 0;
     while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.' && std::string(e->d_name) != "demo.out")
+        if (e->d_name[0] != '.' && std::string(e->d_name).rfind("demo.", 0) != 0)
             ++entries;
     closedir(d);
     EXPECT_EQ(entries, 0);
