@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "support/config_calls.h"
 #include "support/daemon_fixture.h"
@@ -23,18 +24,17 @@ bool contains(const std::vector<std::string> &v, const std::string &s)
 
 class LoopDevices : public DaemonTest {
 protected:
+    void expect_zero(const char *method, GVariant *args)
+    {
+        auto r = call(method, args);
+        ASSERT_TRUE(r.ok) << r.error << " " << r.message;
+        ASSERT_EQ(r.response, 0);
+    }
     void add_device(uint32_t id, const std::string &name)
     {
-        auto r = call("EthernetDeviceAdd", ethernet_args(id, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, name));
-        ASSERT_TRUE(r.ok) << r.error << " " << r.message;
-        ASSERT_EQ(r.response, 0);
+        expect_zero("EthernetDeviceAdd", ethernet_args(id, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, name));
     }
-    void add_nodes(const std::vector<NodeSpec> &nodes)
-    {
-        auto r = call("nodeTableAddMulti", node_array(nodes));
-        ASSERT_TRUE(r.ok) << r.error << " " << r.message;
-        ASSERT_EQ(r.response, 0);
-    }
+    void add_nodes(const std::vector<NodeSpec> &nodes) { expect_zero("nodeTableAddMulti", node_array(nodes)); }
 };
 
 TEST_F(LoopDevices, ValuesFailedReadsAndUnopenableDevices)
@@ -61,23 +61,16 @@ TEST_F(LoopDevices, ValuesFailedReadsAndUnopenableDevices)
         << "one failing node per cycle: the other one belongs to a device that never opens";
 
     // Maker, model and node fields are carried in the signal.
-    GVariantIter it;
-    g_variant_iter_init(&it, cycle);
-    guint32 id = 0, mfg = 0, type = 0;
-    const gchar *name = nullptr;
-    GVariant *v = nullptr;
-    ASSERT_TRUE(g_variant_iter_next(&it, "(u&suu@v)", &id, &name, &mfg, &type, &v));
-    EXPECT_EQ(mfg, TEST_DRIVER_MFG);
-    EXPECT_EQ(type, TEST_DRIVER_TYPE);
-    GVariant *arr = g_variant_get_variant(v);
-    EXPECT_STREQ(g_variant_get_type_string(arr), "a(ssus)");
-    const gchar *nn = nullptr, *addr = nullptr, *val = nullptr;
-    guint32 dt = 0;
-    g_variant_get_child(arr, 0, "(&s&su&s)", &nn, &addr, &dt, &val);
-    EXPECT_STREQ(addr, "val:123");
-    EXPECT_EQ(dt, 4u);
+    guint32 mfg = 0, type = 0, dt = 0;
+    GVariant *nodes = nullptr;
+    const gchar *addr = nullptr;
+    g_variant_get_child(cycle, 0, "(u&suu@v)", nullptr, nullptr, &mfg, &type, &nodes);
+    GVariant *arr = g_variant_get_variant(nodes);
+    g_variant_get_child(arr, 0, "(&s&su&s)", nullptr, &addr, &dt, nullptr);
+    EXPECT_EQ(std::make_tuple(mfg, type, std::string(addr), dt),
+              std::make_tuple(TEST_DRIVER_MFG, TEST_DRIVER_TYPE, std::string("val:123"), 4u));
     g_variant_unref(arr);
-    g_variant_unref(v);
+    g_variant_unref(nodes);
 }
 
 TEST_F(LoopDevices, ChangeDuringACycleAbandonsItAndTheNextCycleShowsIt)
@@ -131,15 +124,14 @@ TEST_F(LoopDevices, ConcurrencyHammerConfigurationDuringCycles)
     for (uint32_t i = 0; i < 40; ++i)
         base.push_back({1 + i % 2, i + 1, "val:" + std::to_string(i)});
     for (int round = 0; round < 30; ++round) {
-        auto r = call("nodeTableSyncMulti", node_array(base));
-        ASSERT_TRUE(r.ok) << r.error;
-        r = call("nodeTableAddMulti", node_array({{2, 1000, "count"}}));
-        ASSERT_TRUE(r.ok);
-        r = call("nodeTableDelMulti", node_id_array({1000, 3, 4}));
-        ASSERT_TRUE(r.ok);
-        r = call("EthernetDeviceMdf",
-                 ethernet_args(2, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, "b" + std::to_string(round)));
-        ASSERT_TRUE(r.ok);
+        const std::pair<const char *, GVariant *> calls[] = {
+            {"nodeTableSyncMulti", node_array(base)},
+            {"nodeTableAddMulti", node_array({{2, 1000, "count"}})},
+            {"nodeTableDelMulti", node_id_array({1000, 3, 4})},
+            {"EthernetDeviceMdf",
+             ethernet_args(2, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, "b" + std::to_string(round))}};
+        for (const auto &[method, args] : calls)
+            ASSERT_TRUE(call(method, args).ok) << method;
         pump_main_context(std::chrono::milliseconds(round % 3));
     }
     std::vector<NodeSpec> settled;

@@ -60,20 +60,3 @@ TEST(NodeArray, SerialisedLikeGlibAtEveryOffsetWidth)
         expect_same_as_glib(many);
     }
 }
-
-TEST(NodeArray, ReadsBackThroughGlib)
-{
-    node_array_writer w;
-    w.add("level", "D10", 10, "1.500000");
-    w.add("run", "M0", 1, "1");
-    GVariant *v = g_variant_ref_sink(w.end());
-    ASSERT_EQ(g_variant_n_children(v), 2u);
-    const char *name = nullptr, *addr = nullptr, *value = nullptr;
-    guint32 type = 0;
-    g_variant_get_child(v, 1, "(&s&su&s)", &name, &addr, &type, &value);
-    EXPECT_STREQ(name, "run");
-    EXPECT_STREQ(addr, "M0");
-    EXPECT_EQ(type, 1u);
-    EXPECT_STREQ(value, "1");
-    g_variant_unref(v);
-}

@@ -58,24 +58,20 @@ TEST_F(Config, SerialAddModifyDeleteCodesAndRows)
               (rows_t{"renamed|4|2"}));
     EXPECT_EQ(rows("select dev_name from NodeTable"), (rows_t{"fx"}));
 
+    // A model change rebuilds the device without its nodes.
+    EXPECT_EQ(code("SerialDeviceMdf", serial_args(1, 3, 201, "dvp")), 0);
+    EXPECT_EQ(rows("select dev_mfg, dev_type, dev_name from SerialDevTable"), (rows_t{"3|201|dvp"}));
+    EXPECT_TRUE(rows("select * from NodeTable").empty());
+    EXPECT_NE(daemon_->out().find("===> dev del: dev_name:renamed, dev_id:1\n"), std::string::npos);
+
     // A model without a driver: the device and its nodes are gone for good.
+    EXPECT_EQ(code("nodeTableAddMulti", node_array({{1, 11, "D11"}})), 0);
     EXPECT_EQ(code("SerialDeviceMdf", serial_args(1, 2, 101, "gone")), 2);
     EXPECT_TRUE(rows("select * from SerialDevTable").empty());
     EXPECT_TRUE(rows("select * from NodeTable").empty());
     restart_daemon();
     EXPECT_FALSE(in_memory(1));
     EXPECT_TRUE(in_memory(5));
-}
-
-TEST_F(Config, ModelChangeRebuildsTheDevice)
-{
-    start_daemon();
-    EXPECT_EQ(code("SerialDeviceAdd", serial_args(1, 1, 102, "fx")), 0);
-    EXPECT_EQ(code("nodeTableAddMulti", node_array({{1, 10, "D10"}, {1, 11, "D11"}})), 0);
-    EXPECT_EQ(code("SerialDeviceMdf", serial_args(1, 3, 201, "dvp")), 0);
-    EXPECT_EQ(rows("select dev_mfg, dev_type, dev_name from SerialDevTable"), (rows_t{"3|201|dvp"}));
-    EXPECT_TRUE(rows("select * from NodeTable").empty());
-    EXPECT_NE(daemon_->out().find("===> dev del: dev_name:fx, dev_id:1\n"), std::string::npos);
 }
 
 TEST_F(Config, SerialDeleteWithoutNodesIsNotCommittedEthernetDeleteIs)
@@ -223,10 +219,9 @@ TEST_F(Config, DatabaseThatCannotBeOpenedChangesNothingInMemory)
               3);
     // Add and modify keep memory as the truth even without the database.
     EXPECT_EQ(code("SerialDeviceAdd", serial_args(3, 1, 101, "fx3")), 0);
-    EXPECT_TRUE(in_memory(1));
-    EXPECT_TRUE(in_memory(2));
-    EXPECT_TRUE(in_memory(3));
-    EXPECT_TRUE(node_in_memory(1, 10) == false) << "modify needs the database first";
+    for (uint32_t id : {1u, 2u, 3u})
+        EXPECT_TRUE(in_memory(id)) << id;
+    EXPECT_FALSE(node_in_memory(1, 10)) << "modify needs the database first";
     ASSERT_EQ(rmdir(db_path().c_str()), 0);
     ASSERT_EQ(rename((db_path() + ".away").c_str(), db_path().c_str()), 0);
     EXPECT_TRUE(node_in_memory(1, 10));

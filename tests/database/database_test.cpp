@@ -87,18 +87,20 @@ TEST_F(Database, OneStatementPerExecutionAndBufferThatOnlyGrows)
 
 TEST_F(Database, RestoreOrderSkipsAndSignedAlarms)
 {
+    init_driver();
+    // A fresh directory starts empty with every table made.
+    capture_output([] { init_database(); });
+    EXPECT_TRUE(device_ids().empty());
+    EXPECT_EQ(sqlite_rows("my.db", "select name from sqlite_master order by name"),
+              (std::vector<std::string>{"EthernetDevTable", "NodeTable", "SerialDevTable"}));
     ASSERT_TRUE(sqlite_exec("my.db", R"(
-create table SerialDevTable(dev_id INTEGER PRIMARY KEY NOT NULL,dev_name TEXT NOT NULL,dev_comm_type INTEGER NOT NULL,dev_mfg INTEGER NOT NULL,dev_type INTEGER NOT NULL,serial_type INTEGER NOT NULL,serial_number INTEGER NOT NULL,station_num INTEGER NOT NULL,baudrate INTEGER NOT NULL,data_bit INTEGER NOT NULL,stop_bit INTEGER NOT NULL,parity_bit INTEGER NOT NULL);
-create table EthernetDevTable(dev_id INTEGER PRIMARY KEY NOT NULL,dev_name TEXT NOT NULL,dev_comm_type INTEGER NOT NULL,dev_mfg INTEGER NOT NULL,dev_type INTEGER NOT NULL,ip_addr TEXT NOT NULL,port INTEGER NOT NULL,rack INTEGER NOT NULL,slot INTEGER NOT NULL);
 insert into SerialDevTable values (9,'s9',0,1,102,0,1,1,9600,8,1,0);
 insert into SerialDevTable values (3,'s3',0,3,201,0,2,1,9600,7,1,1);
 insert into SerialDevTable values (5,'nodriver',0,2,101,0,1,1,9600,8,1,0);
 insert into EthernetDevTable values (3,'clash',1,2,3,'127.0.0.1',102,0,1);
 insert into EthernetDevTable values (1,'e1',1,2,3,'127.0.0.1',102,0,1);
 )"));
-    init_driver();
     ASSERT_EQ(open_database(), 0);
-    ASSERT_EQ(create_node_table_in_database(), 0);
     for (uint32_t id : {30u, 10u, 20u, 40u}) {
         const uint32_t dev = id == 40 ? 77 : 9; // 77 has no device
         node *n = node_create("s9", dev, id, "n", "D1", 4, "", 0, 1, 0, 0, 0, -5, 0, 0, 3, "", "");
@@ -113,6 +115,8 @@ insert into EthernetDevTable values (1,'e1',1,2,3,'127.0.0.1',102,0,1);
     EXPECT_EQ(node_ids(), (std::vector<uint32_t>{10, 20, 30}));
     EXPECT_NE(c.out.find("<read_ethernet_dev_callback> same dev_id, can not add.\n"),
               std::string::npos);
+    EXPECT_NE(c.out.find("sqlite3_exec err: table SerialDevTable already exists"),
+              std::string::npos);
     EXPECT_NE(c.out.find("===> dev add: dev_name:nodriver, dev_id:5\n"), std::string::npos);
     EXPECT_EQ(device_find(5), nullptr);
     EXPECT_EQ(node_table_find(10)->node_alarm_value_major, -5);
@@ -125,18 +129,6 @@ insert into EthernetDevTable values (1,'e1',1,2,3,'127.0.0.1',102,0,1);
     EXPECT_EQ(sqlite_rows("plc_service.db",
                           "select name from sqlite_master where type='table' order by name"),
               (std::vector<std::string>{"PlcDevEthernet", "PlcDevSerial", "PlcNode"}));
-}
-
-TEST_F(Database, FreshDirectoryStartsEmptyTwice)
-{
-    init_driver();
-    capture_output([] { init_database(); });
-    EXPECT_TRUE(device_ids().empty());
-    auto c = capture_output([] { init_database(); });
-    EXPECT_EQ(sqlite_rows("my.db", "select name from sqlite_master order by name"),
-              (std::vector<std::string>{"EthernetDevTable", "NodeTable", "SerialDevTable"}));
-    EXPECT_NE(c.out.find("sqlite3_exec err: table SerialDevTable already exists"),
-              std::string::npos);
 }
 
 namespace {
@@ -219,19 +211,20 @@ TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
     n.node_addr = const_cast<char *>("D8");
     n.node_alarm_value_minor = -9;
     n.node_alarm_enable = true;
-    buf.assign(msg_plc_node__get_packed_size(&n), 0);
-    msg_plc_node__pack(&n, buf.data());
+    const auto restore_node = [&] {
+        buf.assign(msg_plc_node__get_packed_size(&n), 0);
+        msg_plc_node__pack(&n, buf.data());
+        return on_restore_node_table_callback(buf.data(), buf.size());
+    };
     List_Change_Flag.store(0);
-    EXPECT_EQ(on_restore_node_table_callback(buf.data(), buf.size()), 0);
+    EXPECT_EQ(restore_node(), 0);
     EXPECT_EQ(List_Change_Flag.load(), 2);
     ASSERT_NE(node_table_find(8), nullptr);
     EXPECT_EQ(node_table_find(8)->node_alarm_value_minor, -9);
     EXPECT_EQ(node_table_find(8)->node_alarm_enable, 1);
     n.dev_id = 5;
     n.node_id = 9;
-    buf.assign(msg_plc_node__get_packed_size(&n), 0);
-    msg_plc_node__pack(&n, buf.data());
-    on_restore_node_table_callback(buf.data(), buf.size());
+    restore_node();
     EXPECT_EQ(node_table_find(9), nullptr) << "no device 5";
     // Garbage is not a message: ignored.
     const uint8_t junk[] = {0xff, 0xff, 0xff};

@@ -69,17 +69,15 @@ TEST(Records, ShowFormats)
               "3\n\t ip_addr: 10.0.0.9\n\t port: 102\n\t rack: 0\n\t slot: 1\n");
     EXPECT_EQ(capture_output([] { serial_device_show(nullptr); }).out, "");
     ethernet_device_free(e);
-    char text[16];
-    convert_dev_type(105, text, sizeof text);
-    EXPECT_STREQ(text, "Unknown");
-    convert_dev_type(2, text, sizeof text);
-    EXPECT_STREQ(text, "S7-200 Smart");
-    convert_dev_mfg(3, text, sizeof text);
-    EXPECT_STREQ(text, "Delta");
-    convert_node_data_type(15, text, sizeof text);
-    EXPECT_STREQ(text, "String");
-    convert_node_data_type(0, text, sizeof text);
-    EXPECT_STREQ(text, "Unknown");
+    const auto text = [](void (*convert)(uint32_t, char *, size_t), uint32_t code) {
+        char t[16];
+        convert(code, t, sizeof t);
+        return std::string(t);
+    };
+    EXPECT_EQ(text(convert_dev_type, 105) + "," + text(convert_dev_type, 2) + "," +
+                  text(convert_dev_mfg, 3) + "," + text(convert_node_data_type, 15) + "," +
+                  text(convert_node_data_type, 0),
+              "Unknown,S7-200 Smart,Delta,String,Unknown");
 }
 
 TEST(NodeTable, DuplicateIdIsRefusedAndOrderKept)
@@ -95,10 +93,13 @@ TEST(NodeTable, DuplicateIdIsRefusedAndOrderKept)
     node_free(dup);
     ASSERT_EQ(node_table_add_one(make_node(9, 2)), 0);
 
-    std::vector<uint32_t> ids;
-    for (GList *l = get_node_table_list(); l != nullptr; l = l->next)
-        ids.push_back(static_cast<node *>(l->data)->node_id);
-    EXPECT_EQ(ids, (std::vector<uint32_t>{5, 2, 9}));
+    const auto ids = [] {
+        std::vector<uint32_t> v;
+        for (GList *l = get_node_table_list(); l != nullptr; l = l->next)
+            v.push_back(static_cast<node *>(l->data)->node_id);
+        return v;
+    };
+    EXPECT_EQ(ids(), (std::vector<uint32_t>{5, 2, 9}));
 
     c = capture_output([&] { r = node_table_del_one(2); });
     EXPECT_EQ(r, 0);
@@ -109,10 +110,7 @@ TEST(NodeTable, DuplicateIdIsRefusedAndOrderKept)
 
     // The tail is still right after removing from the middle.
     ASSERT_EQ(node_table_add_one(make_node(11, 2)), 0);
-    ids.clear();
-    for (GList *l = get_node_table_list(); l != nullptr; l = l->next)
-        ids.push_back(static_cast<node *>(l->data)->node_id);
-    EXPECT_EQ(ids, (std::vector<uint32_t>{5, 9, 11}));
+    EXPECT_EQ(ids(), (std::vector<uint32_t>{5, 9, 11}));
 
     c = capture_output([] { node_table_del_all(); });
     EXPECT_EQ(dstest::count_of(c.out, "===> node del:"), 3u);
@@ -120,7 +118,7 @@ TEST(NodeTable, DuplicateIdIsRefusedAndOrderKept)
     EXPECT_EQ(capture_output([] { node_table_del_all(); }).out, "");
 }
 
-TEST(Registry, InitRegistersTwelveDriversInTableOrder)
+TEST(Registry, InitRegistersTwelveDriversInTableOrderAndAgainOnReinit)
 {
     auto c = capture_output([] { init_driver(); });
     const char *order[] = {"mitsubishi_fx1n", "mitsubishi_fx3u",    "mitsubishi_fx5u",
@@ -140,6 +138,27 @@ TEST(Registry, InitRegistersTwelveDriversInTableOrder)
     for (GSList *l = get_activated_driver(); l != nullptr; l = l->next)
         names.push_back(static_cast<driver *>(l->data)->name);
     EXPECT_EQ(names, std::vector<std::string>(std::begin(order), std::end(order)));
+
+    // A driver initialised twice is registered twice; its data is kept.
+    c = capture_output([] { siemens_s7_300_init(); });
+    EXPECT_NE(c.out.find("s7_300_drvdata.drv.priv != NULL\n"), std::string::npos);
+    int count = 0;
+    driver *first = nullptr;
+    for (GSList *l = get_activated_driver(); l != nullptr; l = l->next) {
+        auto *d = static_cast<driver *>(l->data);
+        if (d->type == 5 && d->mfg == 2) {
+            ++count;
+            first = first != nullptr ? first : d;
+        }
+    }
+    EXPECT_EQ(count, 2);
+    plc_device dev;
+    dev.dev_mfg = 2;
+    dev.dev_type = 5;
+    EXPECT_EQ(device_driver_match(&dev), first);
+    c = capture_output([] { deinit_driver(); });
+    EXPECT_NE(c.out.find("<deinit_driver_modules>: succeed to deinit driver modules\n"),
+              std::string::npos);
 }
 
 TEST(Registry, MatchingComparesMakerAndModelOnly)
@@ -161,30 +180,6 @@ TEST(Registry, MatchingComparesMakerAndModelOnly)
     EXPECT_NE(c.out.find("<device_driver_match> called, try to match dev(2/101), drv(1/102)\n"),
               std::string::npos);
     EXPECT_TRUE(c.out.ends_with("<device_driver_match> called, failed to match\n"));
-}
-
-TEST(Registry, DriverInitTwiceRegistersTwiceAndProbeKeepsPrivateData)
-{
-    init_driver();
-    auto c = capture_output([] { siemens_s7_300_init(); });
-    EXPECT_NE(c.out.find("s7_300_drvdata.drv.priv != NULL\n"), std::string::npos);
-    int count = 0;
-    driver *first = nullptr;
-    for (GSList *l = get_activated_driver(); l != nullptr; l = l->next) {
-        auto *d = static_cast<driver *>(l->data);
-        if (d->type == 5 && d->mfg == 2) {
-            ++count;
-            first = first != nullptr ? first : d;
-        }
-    }
-    EXPECT_EQ(count, 2);
-    plc_device dev;
-    dev.dev_mfg = 2;
-    dev.dev_type = 5;
-    EXPECT_EQ(device_driver_match(&dev), first);
-    c = capture_output([] { deinit_driver(); });
-    EXPECT_NE(c.out.find("<deinit_driver_modules>: succeed to deinit driver modules\n"),
-              std::string::npos);
 }
 
 TEST(Registry, DeviceListRegistersAndUnregisters)

@@ -109,23 +109,17 @@ TEST_F(DvpDriver, ClosedPortKeepsItsNumberAndFailsUntilOpened)
     char addr[] = "D100";
     char v[NODE_VALUE_SIZE] = {};
     int fd = -1;
-    int first = 0, second = 0;
     const Captured c = capture_output([&] {
         ASSERT_EQ(drv.open(dev_), 0);
         fd = stored();
-        first = drv.read(dev_, addr, 4, v);
-        second = drv.read(dev_, addr, 4, v);
+        EXPECT_EQ(drv.read(dev_, addr, 4, v), -1);
+        EXPECT_EQ(drv.read(dev_, addr, 4, v), -1);
         drv.release(dev_);
     });
-    EXPECT_EQ(first, -1);
-    EXPECT_EQ(second, -1);
     EXPECT_EQ(stored(), fd);
     EXPECT_NE(c.err.find("write: No space left on device\n"), std::string::npos) << c.err;
     EXPECT_NE(c.err.find("write: Bad file descriptor\n"), std::string::npos) << c.err;
-    size_t closes = 0;
-    for (size_t at = 0; (at = c.out.find("close uart\n", at)) != std::string::npos; ++at)
-        ++closes;
-    EXPECT_EQ(closes, 2u) << c.out;
+    EXPECT_EQ(count_of(c.out, "close uart\n"), 2u) << c.out;
 
     p.serial_port_2 = dir_.file("tty2");
     set_runtime_paths(p);

@@ -85,21 +85,7 @@ TEST_F(QSerialDriver, RefusesOtherTypesAndAddressesWithoutSending)
     EXPECT_EQ(line_.requests(), 0u);
 }
 
-TEST_F(QSerialDriver, EndCodeMakesTheReadFail)
-{
-    open_line();
-    plc_.faults.nak = true;
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
-    EXPECT_TRUE(logs_.contains(" respond_code = c051H\n"));
-    plc_.faults.nak = false;
-    plc_.faults.exception = true;
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
-    plc_.faults.exception = false;
-    plc_.set_word("D100", 7);
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("7")));
-}
-
-TEST_F(QSerialDriver, LineFaultsFailTheReadAndTheNextOneRecovers)
+TEST_F(QSerialDriver, FaultsFailTheReadAndTheNextOneRecovers)
 {
     plc_.set_word("D100", 42);
     open_line();
@@ -108,6 +94,8 @@ TEST_F(QSerialDriver, LineFaultsFailTheReadAndTheNextOneRecovers)
         const char *log;
     };
     const Fault faults[] = {
+        {plc_.faults.nak, " respond_code = c051H\n"}, // an end code
+        {plc_.faults.exception, ""},
         {plc_.faults.silent, " respond timeout \n"},
         {plc_.faults.bad_checksum, " != sum:"},
         {plc_.faults.garbage, ""}, // random bytes: how it fails depends on them
@@ -129,35 +117,27 @@ TEST_F(QSerialDriver, LineFaultsFailTheReadAndTheNextOneRecovers)
 TEST_F(QSerialDriver, AnswersThatNeverCompleteTimeOut)
 {
     open_line({&canned_});
-    // Not led by DLE: nothing is thrown away, so the answer is never found.
-    canned_.reply({0x02, 0x0E, 0x00, 0xF8, 0x00});
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
-    EXPECT_TRUE(logs_.contains(" R[0] != DLE\n"));
-    EXPECT_TRUE(logs_.contains(" respond timeout \n"));
-
-    // Long enough, but no ETX three from the end.
-    logs_.clear();
-    std::vector<uint8_t> frame = sim::qna_4c_format5_frame(
+    std::vector<uint8_t> no_etx = sim::qna_4c_format5_frame(
         {0x0E, 0x00, 0xF8, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00, 0x00, 0xFF, 0xFF, 0x00, 0x00, 0x01, 0x00});
-    frame[frame.size() - 3] = 'A';
-    canned_.reply(frame);
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
-    EXPECT_TRUE(logs_.contains(" R[-3]:41H != ETX\n")) << logs_.text();
-
-    // Claims 14 data bytes and sends far more.
-    logs_.clear();
-    frame.assign(40, 0x00);
-    frame[0] = 0x10;
-    frame[2] = 0x0E;
-    canned_.reply(frame);
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
-    EXPECT_TRUE(logs_.contains(" offset:40 > response_max_len:24\n")) << logs_.text();
-
-    // A flood bigger than the receive buffer ends in the time-out too.
-    logs_.clear();
-    canned_.reply(std::vector<uint8_t>(300, 0x10));
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
-    EXPECT_TRUE(logs_.contains(" respond timeout \n"));
+    no_etx[no_etx.size() - 3] = 'A';
+    std::vector<uint8_t> too_long(40, 0x00); // claims 14 data bytes, sends far more
+    too_long[0] = 0x10;
+    too_long[2] = 0x0E;
+    const std::pair<std::vector<uint8_t>, std::vector<const char *>> cases[] = {
+        // Not led by DLE: nothing is thrown away, so the answer is never found.
+        {{0x02, 0x0E, 0x00, 0xF8, 0x00}, {" R[0] != DLE\n", " respond timeout \n"}},
+        {no_etx, {" R[-3]:41H != ETX\n"}},
+        {too_long, {" offset:40 > response_max_len:24\n"}},
+        // A flood bigger than the receive buffer ends in the time-out too.
+        {std::vector<uint8_t>(300, 0x10), {" respond timeout \n"}},
+    };
+    for (const auto &[reply, lines] : cases) {
+        logs_.clear();
+        canned_.reply(reply);
+        EXPECT_EQ(read("D100", NODE_TYPE_S16), failed);
+        for (const char *line : lines)
+            EXPECT_TRUE(logs_.contains(line)) << line << logs_.text();
+    }
 }
 
 TEST_F(QSerialDriver, OpenChecksSettingsBeforeTouchingThePort)
