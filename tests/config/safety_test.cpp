@@ -52,10 +52,12 @@ TEST_F(Safety, QuotesInAnyTextNeverRunASecondStatement)
             field == 3 ? evil.c_str() : "u", 0u, FALSE, FALSE, 0u, 0u, 0, 0u, 0u, 0,
             field == 4 ? evil.c_str() : "c", field == 5 ? evil.c_str() : "x");
         g_variant_ref_sink(n);
-        GVariant *arr = g_variant_new_array(G_VARIANT_TYPE("(suussusubbuuiuuiss)"), &n, 1);
-        EXPECT_EQ(code("nodeTableAddMulti", g_variant_new("(@a(suussusubbuuiuuiss))", arr)), 2);
-        arr = g_variant_new_array(G_VARIANT_TYPE("(suussusubbuuiuuiss)"), &n, 1);
-        EXPECT_EQ(code("nodeTableSyncMulti", g_variant_new("(@a(suussusubbuuiuuiss))", arr)), 3);
+        const auto one = [&] {
+            return g_variant_new("(@a(suussusubbuuiuuiss))",
+                                 g_variant_new_array(G_VARIANT_TYPE("(suussusubbuuiuuiss)"), &n, 1));
+        };
+        EXPECT_EQ(code("nodeTableAddMulti", one()), 2);
+        EXPECT_EQ(code("nodeTableSyncMulti", one()), 3);
         EXPECT_EQ(code("nodeTableMdfOne", n), -1);
         g_variant_unref(n);
     }
@@ -178,10 +180,13 @@ TEST_F(Safety, DevCommOfTheOtherKindIsStoredAsSentAndNeverReadInTheWrongLayout)
     // Each is visited and published without values: its driver cannot open it.
     NodesRecorder rec(conn());
     start_system_service(1);
-    ASSERT_TRUE(rec.wait_for_count(1, 15s));
-    auto devices = cycle_devices(rec.last());
-    std::sort(devices.begin(), devices.end());
-    EXPECT_EQ(devices, (rows_t{"1:s-as-e:0", "2:s-as-e2:0", "3:e-as-s:0"}));
+    const auto next_devices = [&](size_t n) {
+        EXPECT_TRUE(rec.wait_for_count(n, 15s));
+        auto devices = cycle_devices(rec.last());
+        std::sort(devices.begin(), devices.end());
+        return devices;
+    };
+    EXPECT_EQ(next_devices(1), (rows_t{"1:s-as-e:0", "2:s-as-e2:0", "3:e-as-s:0"}));
 
     // Modify and delete go by what the record is, not by what it says.
     EXPECT_EQ(code("EthernetDeviceMdf", ethernet_args(1, 1, 103, "x")), 6);
@@ -192,16 +197,10 @@ TEST_F(Safety, DevCommOfTheOtherKindIsStoredAsSentAndNeverReadInTheWrongLayout)
 
     // They come back after a restart as they were stored.
     restart_daemon();
-    const size_t seen = rec.count();
-    ASSERT_TRUE(rec.wait_for_count(seen + 1, 15s));
-    devices = cycle_devices(rec.last());
-    std::sort(devices.begin(), devices.end());
-    EXPECT_EQ(devices, (rows_t{"1:renamed:0", "2:s-as-e2:0", "3:e-renamed:0"}));
+    EXPECT_EQ(next_devices(rec.count() + 1), (rows_t{"1:renamed:0", "2:s-as-e2:0", "3:e-renamed:0"}));
 
     // Synchronising a kind removes the devices whose dev_comm says it.
     EXPECT_EQ(code("EthernetDeviceSyncMulti", g_variant_new_parsed("(@a(uuuussuuu) [],)")), 0);
     EXPECT_EQ(code("SerialDeviceSyncMulti", g_variant_new_parsed("(@a(uuuusuuuuuuu) [],)")), 0);
-    const size_t after = rec.count();
-    ASSERT_TRUE(rec.wait_for_count(after + 2, 15s));
-    EXPECT_TRUE(cycle_devices(rec.last()).empty());
+    EXPECT_TRUE(next_devices(rec.count() + 2).empty());
 }

@@ -45,7 +45,7 @@ TEST_F(Fx5uDriver, ReadsEveryObjectAndRefusesWhatItShould)
     EXPECT_EQ(read("D70000", 4), R(-1, "wrong address")) << "not D4464 by a wrapped address";
 }
 
-TEST_F(Fx5uDriver, PlcThatStopsAnsweringCostsItsNodesUntilTheNextBracket)
+TEST_F(Fx5uDriver, PlcThatStopsAnsweringOrIsGoneCostsItsNodesUntilTheNextOpen)
 {
     plc_.set_register(10, 5);
     plc_.faults.silent = true;
@@ -63,15 +63,12 @@ TEST_F(Fx5uDriver, PlcThatStopsAnsweringCostsItsNodesUntilTheNextBracket)
         << "the connection the PLC closed is not reopened within the bracket";
     capture_output([&] { dev_->driver->release(dev_); });
     EXPECT_EQ(read("D10", 4), R(0, "5"));
-}
 
-TEST_F(Fx5uDriver, StoppedServerFailsTheOpenAndTheNextOneReconnects)
-{
+    // A stopped server fails the open; the next open reconnects.
     const uint16_t port = plc_.port();
     plc_.stop();
     const auto log = capture_output([&] { EXPECT_EQ(dev_->driver->open(dev_), -1); });
     EXPECT_EQ(log.out, "connection fail\n");
     ASSERT_TRUE(plc_.start(port));
-    plc_.set_register(10, 5);
     EXPECT_EQ(read("D10", 4), R(0, "5"));
 }

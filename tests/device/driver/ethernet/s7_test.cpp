@@ -17,14 +17,10 @@ protected:
         if (geteuid() != 0)
             GTEST_SKIP() << "Snap7's server needs port 102, which needs root";
         server_ = Srv_Create();
-        db1_[100] = 0x01;
-        db1_[101] = 0x02;
-        db2_[8] = 0x3f;
-        db2_[9] = 0xc0;
-        mk_[0] = 0x12;
-        mk_[1] = 0x34;
-        pe_[0] = 0x12;
-        pe_[1] = 0x34;
+        memcpy(db1_ + 100, "\x01\x02", 2);
+        memcpy(db2_ + 8, "\x3f\xc0", 2); // 1.5f
+        memcpy(mk_, "\x12\x34", 2);
+        memcpy(pe_, "\x12\x34", 2);
         pa_[0] = 0x01;
         Srv_RegisterArea(server_, srvAreaDB, 1, db1_, sizeof db1_);
         Srv_RegisterArea(server_, srvAreaDB, 2, db2_, sizeof db2_);
