@@ -15,7 +15,9 @@ TEST_F(Loop, WaitsForTheSystemServiceThenEmitsEmptyCycles)
     EXPECT_EQ(daemon_->out().find("read nodes table :"), std::string::npos);
     EXPECT_EQ(rec.count(), 0u);
 
-    start_system_service(1);
+    // Its interval cannot be had: cycles are a second apart.
+    system_.set_fail_calls(true);
+    start_system_service(5);
     ASSERT_TRUE(rec.wait_for_count(2, 10s));
     for (size_t i = 0; i < rec.count(); ++i)
         EXPECT_EQ(g_variant_n_children(rec.cycle(i)), 0u);
@@ -23,8 +25,9 @@ TEST_F(Loop, WaitsForTheSystemServiceThenEmitsEmptyCycles)
     EXPECT_NE(out.find("Name com.fernwick.SystemService on the session bus\n"), std::string::npos);
     EXPECT_NE(out.find("scan_interval = 1\n"), std::string::npos);
     EXPECT_NE(out.find(" M read nodes table :\n"), std::string::npos);
-    // One cycle per interval: the second signal comes no sooner than a second after the first.
+    // One cycle per interval: the second signal comes about a second after the first.
     EXPECT_GE(rec.times()[1] - rec.times()[0], 0.9);
+    EXPECT_LT(rec.times()[1] - rec.times()[0], 4.0);
 }
 
 TEST_F(Loop, IntervalNotificationChangesThePeriodOtherKeysOnlyPrint)
@@ -58,18 +61,6 @@ TEST_F(Loop, IntervalNotificationChangesThePeriodOtherKeysOnlyPrint)
     EXPECT_EQ(out.find("gateway destroy"), std::string::npos);
     EXPECT_EQ(system_.calls("getScanInterval"), 2);
     EXPECT_TRUE(daemon_->running());
-}
-
-TEST_F(Loop, FailedIntervalAtAppearanceMeansOneSecond)
-{
-    system_.set_fail_calls(true);
-    system_.set_scan_interval(5);
-    start_system_service(5);
-    NodesRecorder rec(conn());
-    start_daemon();
-    ASSERT_TRUE(daemon_->wait_output("scan_interval = 1\n"));
-    ASSERT_TRUE(rec.wait_for_count(2, 10s));
-    EXPECT_LT(rec.times()[1] - rec.times()[0], 4.0);
 }
 
 TEST_F(Loop, SystemServiceVanishingAndReturning)

@@ -8,7 +8,7 @@
 #include "device/driver/uart.h"
 #include "support/test_util.h"
 
-TEST(UartSettings, BuildsRawLineFromZero)
+TEST(UartSettings, BuildsRawLineFromZeroAndRefusesMissingRecords)
 {
     const struct termios t = uart_build_termios(19200, 'e', 7, 2);
     EXPECT_EQ(t.c_iflag, 0u);
@@ -19,23 +19,18 @@ TEST(UartSettings, BuildsRawLineFromZero)
     EXPECT_EQ(t.c_cc[VTIME], 0);
     EXPECT_EQ(t.c_cflag & CLOCAL, 0u);
     EXPECT_EQ(t.c_cflag & CRTSCTS, 0u);
+    // A missing record or port is refused.
+    EXPECT_EQ(get_speed(nullptr), -1);
+    EXPECT_EQ(set_speed(nullptr, 9600), -1);
+    EXPECT_EQ(get_parity(nullptr), 255);
+    EXPECT_EQ(set_stop(nullptr, 1), -1);
+    EXPECT_EQ(enable_flow_control(nullptr), -1);
+    EXPECT_EQ(get_termios(-1, nullptr), -1);
+    EXPECT_EQ(uart_config(-1, 9600, 'n', 8, 1), -1);
+    EXPECT_EQ(uart_open(nullptr), -1);
 }
 
-TEST(UartSettings, UnknownSpeedRunsAt9600AndUnknownCodeReadsZero)
-{
-    struct termios t {};
-    set_speed(&t, 14400);
-    EXPECT_EQ(t.c_cflag & CBAUD, static_cast<tcflag_t>(B9600));
-    EXPECT_EQ(get_speed(&t), 9600);
-    set_speed(&t, 115200);
-    EXPECT_EQ(t.c_cflag & CBAUD, 0x1002u);
-    EXPECT_EQ(get_speed(&t), 115200);
-    EXPECT_EQ(baud_to_speed(B300), 0);
-    EXPECT_EQ(speed_to_baud(300), static_cast<speed_t>(B9600));
-    EXPECT_EQ(speed_to_baud(57600), 0x1001u);
-}
-
-TEST(UartSettings, DataStopAndParityBits)
+TEST(UartSettings, SpeedDataStopAndParityBits)
 {
     struct termios t {};
     for (int bits : {5, 9, 0}) {
@@ -64,18 +59,16 @@ TEST(UartSettings, DataStopAndParityBits)
 
     EXPECT_EQ(std::string({uart_parity_char(0), uart_parity_char(1), uart_parity_char(2)}), "neo");
     EXPECT_EQ(uart_parity_char(7), 0);
-}
-
-TEST(UartSettings, MissingRecordIsRefused)
-{
-    EXPECT_EQ(get_speed(nullptr), -1);
-    EXPECT_EQ(set_speed(nullptr, 9600), -1);
-    EXPECT_EQ(get_parity(nullptr), 255);
-    EXPECT_EQ(set_stop(nullptr, 1), -1);
-    EXPECT_EQ(enable_flow_control(nullptr), -1);
-    EXPECT_EQ(get_termios(-1, nullptr), -1);
-    EXPECT_EQ(uart_config(-1, 9600, 'n', 8, 1), -1);
-    EXPECT_EQ(uart_open(nullptr), -1);
+    // An unknown speed runs at 9600; an unknown code reads 0.
+    set_speed(&t, 14400);
+    EXPECT_EQ(t.c_cflag & CBAUD, static_cast<tcflag_t>(B9600));
+    EXPECT_EQ(get_speed(&t), 9600);
+    set_speed(&t, 115200);
+    EXPECT_EQ(t.c_cflag & CBAUD, 0x1002u);
+    EXPECT_EQ(get_speed(&t), 115200);
+    EXPECT_EQ(baud_to_speed(B300), 0);
+    EXPECT_EQ(speed_to_baud(300), static_cast<speed_t>(B9600));
+    EXPECT_EQ(speed_to_baud(57600), 0x1001u);
 }
 
 TEST(UartPort, ReadWriteChecksAndPseudoTerminal)

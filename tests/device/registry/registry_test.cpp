@@ -118,7 +118,7 @@ TEST(NodeTable, DuplicateIdIsRefusedAndOrderKept)
     EXPECT_EQ(capture_output([] { node_table_del_all(); }).out, "");
 }
 
-TEST(Registry, InitRegistersTwelveDriversInTableOrderAndAgainOnReinit)
+TEST(Registry, InitRegistersTwelveDriversInTableOrderMatchedByMakerAndModel)
 {
     auto c = capture_output([] { init_driver(); });
     const char *order[] = {"mitsubishi_fx1n", "mitsubishi_fx3u",    "mitsubishi_fx5u",
@@ -139,31 +139,7 @@ TEST(Registry, InitRegistersTwelveDriversInTableOrderAndAgainOnReinit)
         names.push_back(static_cast<driver *>(l->data)->name);
     EXPECT_EQ(names, std::vector<std::string>(std::begin(order), std::end(order)));
 
-    // A driver initialised twice is registered twice; its data is kept.
-    c = capture_output([] { siemens_s7_300_init(); });
-    EXPECT_NE(c.out.find("s7_300_drvdata.drv.priv != NULL\n"), std::string::npos);
-    int count = 0;
-    driver *first = nullptr;
-    for (GSList *l = get_activated_driver(); l != nullptr; l = l->next) {
-        auto *d = static_cast<driver *>(l->data);
-        if (d->type == 5 && d->mfg == 2) {
-            ++count;
-            first = first != nullptr ? first : d;
-        }
-    }
-    EXPECT_EQ(count, 2);
-    plc_device dev;
-    dev.dev_mfg = 2;
-    dev.dev_type = 5;
-    EXPECT_EQ(device_driver_match(&dev), first);
-    c = capture_output([] { deinit_driver(); });
-    EXPECT_NE(c.out.find("<deinit_driver_modules>: succeed to deinit driver modules\n"),
-              std::string::npos);
-}
-
-TEST(Registry, MatchingComparesMakerAndModelOnly)
-{
-    init_driver();
+    // Matching compares maker and model only.
     plc_device q;
     q.dev_mfg = 1;
     q.dev_type = 105;
@@ -175,11 +151,30 @@ TEST(Registry, MatchingComparesMakerAndModelOnly)
     plc_device none;
     none.dev_mfg = 2;
     none.dev_type = 101;
-    auto c = capture_output([&] { d = device_driver_match(&none); });
+    c = capture_output([&] { d = device_driver_match(&none); });
     EXPECT_EQ(d, nullptr);
     EXPECT_NE(c.out.find("<device_driver_match> called, try to match dev(2/101), drv(1/102)\n"),
               std::string::npos);
     EXPECT_TRUE(c.out.ends_with("<device_driver_match> called, failed to match\n"));
+
+    // A driver initialised twice is registered twice; its data is kept.
+    c = capture_output([] { siemens_s7_300_init(); });
+    EXPECT_NE(c.out.find("s7_300_drvdata.drv.priv != NULL\n"), std::string::npos);
+    int count = 0;
+    driver *first = nullptr;
+    for (GSList *l = get_activated_driver(); l != nullptr; l = l->next) {
+        auto *each = static_cast<driver *>(l->data);
+        if (each->type == 5 && each->mfg == 2) {
+            ++count;
+            first = first != nullptr ? first : each;
+        }
+    }
+    EXPECT_EQ(count, 2);
+    none.dev_type = 5;
+    EXPECT_EQ(device_driver_match(&none), first);
+    c = capture_output([] { deinit_driver(); });
+    EXPECT_NE(c.out.find("<deinit_driver_modules>: succeed to deinit driver modules\n"),
+              std::string::npos);
 }
 
 TEST(Registry, DeviceListRegistersAndUnregisters)

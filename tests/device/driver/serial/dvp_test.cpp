@@ -19,10 +19,10 @@ protected:
     }
 };
 
-TEST_F(DvpDriver, ReadsRegistersAndBits)
+TEST_F(DvpDriver, ReadsRegistersAndBitsPrintingFramesAndValues)
 {
-    plc_.set_device("D100", 65000);
-    plc_.set_device("D4096", 7);
+    plc_.set_device("D100", 4660);
+    plc_.set_device("D4096", 65000);
     plc_.set_device("C5", 0xFFFF);
     plc_.set_device("T3", 300);
     plc_.set_device("X17", 1);
@@ -34,21 +34,17 @@ TEST_F(DvpDriver, ReadsRegistersAndBits)
         uint32_t type;
         const char *value;
     } cases[] = {
-        {"D100", 4, "65000"}, {"D4096", 4, "7"}, {"C5", 6, "65535"}, // U32 is one register
+        {"D100", 4, "4660"}, {"D4096", 4, "65000"}, {"C5", 6, "65535"}, // U32 is one register
         {"T3", 4, "300"},     {"X17", 1, "1"},  {"X16", 1, "0"},
         {"Y10", 1, "1"},      {"M1536", 1, "1"}, {"S2", 1, "1"},
-        {"d0000000000000100", 4, "65000"}, // read whole, not cut at 15 characters
+        {"d0000000000000100", 4, "4660"}, // read whole, not cut at 15 characters
     };
     for (const Case &c : cases) {
         const Read r = read(c.addr, c.type);
         EXPECT_EQ(r.rc, 0) << c.addr << r.out;
         EXPECT_EQ(r.value, c.value) << c.addr;
     }
-}
-
-TEST_F(DvpDriver, PrintsTheFrameTheAnswerAndTheValue)
-{
-    plc_.set_device("D100", 4660);
+    // The frame, the answer and the value are printed.
     const Read r = read("d100", 4);
     EXPECT_EQ(r.rc, 0);
     EXPECT_EQ(r.addr, "D100") << "the node's own address is upper-cased";

@@ -140,7 +140,7 @@ TEST_F(QSerialDriver, AnswersThatNeverCompleteTimeOut)
     }
 }
 
-TEST_F(QSerialDriver, OpenChecksSettingsBeforeTouchingThePort)
+TEST_F(QSerialDriver, OpenChecksSettingsFirstAndTheLifecycleHoldsWithoutAPort)
 {
     drv().release(dev_);
     dev_->parity_bit = 3;
@@ -160,10 +160,7 @@ TEST_F(QSerialDriver, OpenChecksSettingsBeforeTouchingThePort)
     // An Ethernet record bound by maker and model has no line settings.
     dev_->dev_comm_type = DEV_COMM_ETHERNET;
     EXPECT_EQ(drv().open(dev_), -1);
-}
 
-TEST_F(QSerialDriver, LifecycleAndLogOnlyOperations)
-{
     auto c = capture_output([&] {
         EXPECT_EQ(drv().write(dev_, "D100", 5, "1"), 0);
         EXPECT_EQ(drv().update_params(dev_), 0);
