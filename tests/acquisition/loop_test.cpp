@@ -30,7 +30,7 @@ TEST_F(Loop, WaitsForTheSystemServiceThenEmitsEmptyCycles)
     EXPECT_LT(rec.times()[1] - rec.times()[0], 4.0);
 }
 
-TEST_F(Loop, IntervalNotificationChangesThePeriodOtherKeysOnlyPrint)
+TEST_F(Loop, NotificationsAndServicesComingAndGoing)
 {
     start_system_service(1);
     NodesRecorder rec(conn());
@@ -60,37 +60,25 @@ TEST_F(Loop, IntervalNotificationChangesThePeriodOtherKeysOnlyPrint)
               std::string::npos);
     EXPECT_EQ(out.find("gateway destroy"), std::string::npos);
     EXPECT_EQ(system_.calls("getScanInterval"), 2);
-    EXPECT_TRUE(daemon_->running());
-}
 
-TEST_F(Loop, SystemServiceVanishingAndReturning)
-{
-    start_system_service(1);
-    NodesRecorder rec(conn());
-    start_daemon();
-    ASSERT_TRUE(rec.wait_for_count(1, 10s));
+    // The system service vanishes and returns.
     system_.stop();
     ASSERT_TRUE(
         daemon_->wait_output("Name com.fernwick.SystemService does not exist on the session bus\n"));
     // Once cycling, the loop does not look at the system service again.
-    const size_t seen = rec.count();
-    ASSERT_TRUE(rec.wait_for_count(seen + 2, 10s));
+    ASSERT_TRUE(rec.wait_for_count(rec.count() + 2, 15s));
     system_.set_scan_interval(1);
     system_.start();
     ASSERT_TRUE(daemon_->wait_output("Name com.fernwick.SystemService on the session bus\n", 10s, 2));
     ASSERT_TRUE(daemon_->wait_output("scan_interval = 1\n", 5s, 2));
     // The new proxy carries notifications again.
     system_.emit_notify("system", "reboot");
-    EXPECT_TRUE(daemon_->wait_output("system reboot\n"));
-    EXPECT_EQ(count_of(daemon_->out(), "system reboot\n"), 1u);
-    ASSERT_TRUE(rec.wait_for_count(rec.count() + 1, 10s));
-}
+    EXPECT_TRUE(daemon_->wait_output("system reboot\n", 10s, 2));
+    ASSERT_TRUE(rec.wait_for_count(rec.count() + 1, 10s)) << "cycles go on";
 
-TEST_F(Loop, ZorvProxyFollowsThatServicesPresence)
-{
-    start_daemon();
-    ASSERT_TRUE(
-        daemon_->wait_output("Name com.fernwick.ZorvService does not exist on the session bus\n"));
+    // The other service's proxy follows its presence too.
+    ASSERT_TRUE(daemon_->wait_output(
+        "Name com.fernwick.ZorvService does not exist on the session bus\n"));
     for (int round = 0; round < 2; ++round) {
         GDBusConnection *zorv = bus_.new_connection();
         GVariant *r = g_dbus_connection_call_sync(
@@ -108,3 +96,4 @@ TEST_F(Loop, ZorvProxyFollowsThatServicesPresence)
     }
     EXPECT_TRUE(daemon_->running());
 }
+

@@ -140,36 +140,6 @@ int remember(const uint8_t *payload, size_t length)
 }
 } // namespace
 
-TEST_F(Database, BlobStoreSavesReplacesDeletesAndRestores)
-{
-    ASSERT_EQ(database_create_table("plc_service.db", "PlcNode"), 0);
-    ASSERT_EQ(database_create_table("plc_service.db", "PlcNode"), 0);
-    const std::string a = "first", b = "second", c = "third";
-    auto bytes = [](const std::string &s) { return reinterpret_cast<const uint8_t *>(s.data()); };
-    capture_output([&] {
-        database_save_message("plc_service.db", "PlcNode", 2, "two", bytes(a), a.size());
-        database_save_message("plc_service.db", "PlcNode", 1, "one", bytes(b), b.size());
-        database_save_message("plc_service.db", "PlcNode", 2, "renamed", bytes(c), c.size());
-    });
-    EXPECT_EQ(sqlite_rows("plc_service.db", "select ID, NAME from PlcNode order by ID"),
-              (std::vector<std::string>{"1|one", "2|two"}));
-    restored.clear();
-    capture_output([] { database_restore_message("plc_service.db", "PlcNode", remember); });
-    EXPECT_EQ(restored.size(), 2u);
-    EXPECT_NE(std::find(restored.begin(), restored.end(), "third"), restored.end());
-    capture_output([] { database_delete_message("plc_service.db", "PlcNode", 2); });
-    EXPECT_EQ(sqlite_rows("plc_service.db", "select ID from PlcNode"),
-              (std::vector<std::string>{"1"}));
-
-    // A length past what SQLite holds is refused as too big, which ends the
-    // process, where a length cut to int stored the first few bytes.
-    const size_t huge = (size_t{1} << 32) + 5;
-    EXPECT_DEATH(database_save_message("plc_service.db", "PlcNode", 3, "big", bytes(a), huge),
-                 "Failed to bind blob\\(insert\\)");
-    EXPECT_DEATH(database_save_message("plc_service.db", "PlcNode", 1, "one", bytes(a), huge),
-                 "Failed to bind blob\\(update\\)");
-}
-
 TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
 {
     init_driver();
@@ -229,4 +199,32 @@ TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
     // Garbage is not a message: ignored.
     const uint8_t junk[] = {0xff, 0xff, 0xff};
     EXPECT_EQ(on_restore_ethernet_device_callback(junk, sizeof junk), 0);
+
+    // The blob store saves, replaces, deletes and restores.
+    ASSERT_EQ(database_create_table("plc_service.db", "PlcNode"), 0);
+    ASSERT_EQ(database_create_table("plc_service.db", "PlcNode"), 0);
+    const std::string first = "first", second = "second", third = "third";
+    auto bytes = [](const std::string &text) { return reinterpret_cast<const uint8_t *>(text.data()); };
+    capture_output([&] {
+        database_save_message("plc_service.db", "PlcNode", 2, "two", bytes(first), first.size());
+        database_save_message("plc_service.db", "PlcNode", 1, "one", bytes(second), second.size());
+        database_save_message("plc_service.db", "PlcNode", 2, "renamed", bytes(third), third.size());
+    });
+    EXPECT_EQ(sqlite_rows("plc_service.db", "select ID, NAME from PlcNode order by ID"),
+              (std::vector<std::string>{"1|one", "2|two"}));
+    restored.clear();
+    capture_output([] { database_restore_message("plc_service.db", "PlcNode", remember); });
+    EXPECT_EQ(restored.size(), 2u);
+    EXPECT_NE(std::find(restored.begin(), restored.end(), "third"), restored.end());
+    capture_output([] { database_delete_message("plc_service.db", "PlcNode", 2); });
+    EXPECT_EQ(sqlite_rows("plc_service.db", "select ID from PlcNode"),
+              (std::vector<std::string>{"1"}));
+
+    // A length past what SQLite holds is refused as too big, which ends the
+    // process, where a length cut to int stored the first few bytes.
+    const size_t huge = (size_t{1} << 32) + 5;
+    EXPECT_DEATH(database_save_message("plc_service.db", "PlcNode", 3, "big", bytes(first), huge),
+                 "Failed to bind blob\\(insert\\)");
+    EXPECT_DEATH(database_save_message("plc_service.db", "PlcNode", 1, "one", bytes(first), huge),
+                 "Failed to bind blob\\(update\\)");
 }

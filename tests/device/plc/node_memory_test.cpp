@@ -21,7 +21,7 @@ constexpr bool ON_HEAP = false;
 
 } // namespace
 
-TEST(NodeMemory, BlocksAreDistinctAlignedAndReused)
+TEST(NodeMemory, BlocksAreDistinctAlignedReusedAndGivenBack)
 {
     const size_t before = node_memory_mapped();
     for (size_t size : {1u, 16u, 17u, 24u, 224u, 256u, 257u, 70000u}) {
@@ -52,10 +52,8 @@ TEST(NodeMemory, BlocksAreDistinctAlignedAndReused)
     if (!ON_HEAP) { // at most one emptied slab kept per size class
         EXPECT_LE(node_memory_mapped(), before + 6 * 64 * 1024);
     }
-}
 
-TEST(NodeMemory, TableFilledAndEmptiedMapsNoMoreThanBefore)
-{
+    // A table filled and emptied maps no more than before.
     auto fill = [](uint32_t first) {
         for (uint32_t id = first; id < first + 10000; ++id)
             ASSERT_EQ(node_table_add_one(node_create("dev", 1, id, "name", "D0", 4, "", 0, 0, 0, 0,
@@ -91,3 +89,4 @@ TEST(NodeMemory, TableFilledAndEmptiedMapsNoMoreThanBefore)
     node_table_del_all();
     EXPECT_EQ(get_node_table_list(), nullptr);
 }
+
