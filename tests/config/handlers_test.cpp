@@ -74,7 +74,7 @@ TEST_F(Config, SerialAddModifyDeleteCodesAndRows)
     EXPECT_TRUE(in_memory(5));
 }
 
-TEST_F(Config, SerialDeleteWithoutNodesIsNotCommittedEthernetDeleteIs)
+TEST_F(Config, DeletingAndSynchronisingDevices)
 {
     start_daemon();
     EXPECT_EQ(code("SerialDeviceAdd", serial_args(1, 1, 102, "fx")), 0);
@@ -95,15 +95,10 @@ TEST_F(Config, SerialDeleteWithoutNodesIsNotCommittedEthernetDeleteIs)
     EXPECT_EQ(code("SerialDeviceDel", g_variant_new("(uuuus)", 3u, 0u, 0u, 0u, "")), 0);
     EXPECT_EQ(rows("select dev_id from SerialDevTable"), (rows_t{"1"}));
     EXPECT_EQ(rows("select node_id from NodeTable"), (rows_t{"31"}));
-}
 
-TEST_F(Config, SynchronisingDevices)
-{
-    start_daemon();
+    // Synchronising serial devices: serial device 1 is there.
     EXPECT_EQ(code("EthernetDeviceAdd", ethernet_args(7, 2, 3, "s7")), 0);
-    EXPECT_EQ(code("SerialDeviceAdd", serial_args(1, 1, 102, "old")), 0);
     EXPECT_EQ(code("nodeTableAddMulti", node_array({{7, 70, "DB1.DBW0"}, {1, 10, "D0"}})), 0);
-
     EXPECT_EQ(code("SerialDeviceSyncMulti",
                    g_variant_new_parsed("([(uint32 2, uint32 0, uint32 1, uint32 101, 'fx3', uint32 1, "
                                         "uint32 0, uint32 1, uint32 9600, uint32 8, uint32 1, uint32 0),"
@@ -115,11 +110,10 @@ TEST_F(Config, SynchronisingDevices)
     EXPECT_TRUE(in_memory(2));
     EXPECT_FALSE(in_memory(1));
     EXPECT_TRUE(node_in_memory(7, 70)) << "Ethernet devices and their nodes are untouched";
-    EXPECT_EQ(rows("select node_id from NodeTable order by node_id"), (rows_t{"10", "70"}))
+    EXPECT_EQ(rows("select node_id from NodeTable order by node_id"), (rows_t{"10", "31", "70"}))
         << "node rows of removed serial devices stay";
 
-    EXPECT_EQ(code("SerialDeviceSyncMulti", g_variant_new_parsed("(@a(uuuusuuuuuuu) [],)")),
-              0);
+    EXPECT_EQ(code("SerialDeviceSyncMulti", g_variant_new_parsed("(@a(uuuusuuuuuuu) [],)")), 0);
     EXPECT_TRUE(rows("select * from SerialDevTable").empty());
     EXPECT_FALSE(in_memory(2));
 
@@ -132,6 +126,7 @@ TEST_F(Config, SynchronisingDevices)
     EXPECT_EQ(rows("select dev_id from EthernetDevTable"), (rows_t{"7"}));
     EXPECT_TRUE(in_memory(7));
 }
+
 
 TEST_F(Config, NodeMethods)
 {

@@ -57,7 +57,7 @@ TEST_F(DvpDriver, ReadsRegistersAndBitsPrintingFramesAndValues)
                      "<delta_dvp32ec_release> called\n");
 }
 
-TEST_F(DvpDriver, RefusedReadsSendNothing)
+TEST_F(DvpDriver, RefusedReadsSendNothingOtherStationsAndPortsStaySilent)
 {
     // What the masked addresses used to read: D28672 and M20480 wrapped to
     // S0, D-5 to 8FFB.
@@ -81,6 +81,20 @@ TEST_F(DvpDriver, RefusedReadsSendNothing)
         EXPECT_EQ(r.out.find("> = "), std::string::npos) << c.addr << r.out;
     }
     EXPECT_EQ(line_.requests(), before);
+
+    // Other stations and ports stay silent.
+    dev_->station_num = 11; // the PLC is station 10
+    Read r = read("D100", 4);
+    EXPECT_EQ(r.rc, -1);
+    EXPECT_NE(r.out.find("select timeout\n"), std::string::npos);
+    dev_->serial_number = 0;
+    r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\nserial_number err\n");
+    dev_->serial_number = 1; // a path where nothing is
+    r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\nopen error : " + dir_.file("absent") + "\n");
 }
 
 TEST_F(DvpDriver, ClosedPortKeepsItsNumberAndFailsUntilOpened)
@@ -156,18 +170,3 @@ TEST_F(DvpDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
     EXPECT_EQ(r.value, "43981");
 }
 
-TEST_F(DvpDriver, OtherStationsAndPortsStaySilent)
-{
-    dev_->station_num = 11; // the PLC is station 10
-    Read r = read("D100", 4);
-    EXPECT_EQ(r.rc, -1);
-    EXPECT_NE(r.out.find("select timeout\n"), std::string::npos);
-    dev_->serial_number = 0;
-    r = read("D100", 4);
-    EXPECT_EQ(r.rc, -100);
-    EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\nserial_number err\n");
-    dev_->serial_number = 1; // a path where nothing is
-    r = read("D100", 4);
-    EXPECT_EQ(r.rc, -100);
-    EXPECT_EQ(r.out, "<delta_dvp32ec_open> called\nopen error : " + dir_.file("absent") + "\n");
-}

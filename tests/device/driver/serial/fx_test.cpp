@@ -50,7 +50,7 @@ TEST_F(FxDriver, ReadsEveryArea)
     EXPECT_EQ(read("D21", 4).value, "16320");
 }
 
-TEST_F(FxDriver, BadAddressesAreReadErrors)
+TEST_F(FxDriver, BadAddressesAndPortsAreErrors)
 {
     const size_t before = line_.requests();
     for (const char *bad : {"X18", "Q1", "D8512"}) {
@@ -59,6 +59,16 @@ TEST_F(FxDriver, BadAddressesAreReadErrors)
         EXPECT_EQ(r.value, "read error") << bad;
     }
     EXPECT_EQ(line_.requests(), before) << "nothing goes out for a bad address";
+
+    // Open needs a known port that exists.
+    dev_->serial_number = 3;
+    Read r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "serial_number err\n");
+    dev_->serial_number = 2; // configured at a path where nothing is
+    r = read("D100", 4);
+    EXPECT_EQ(r.rc, -100);
+    EXPECT_EQ(r.out, "open error\n");
 }
 
 TEST_F(FxDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
@@ -94,14 +104,3 @@ TEST_F(FxDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
     EXPECT_EQ(read("D10", 6).value, "305419896");
 }
 
-TEST_F(FxDriver, OpenNeedsAKnownPortThatExists)
-{
-    dev_->serial_number = 3;
-    Read r = read("D100", 4);
-    EXPECT_EQ(r.rc, -100);
-    EXPECT_EQ(r.out, "serial_number err\n");
-    dev_->serial_number = 2; // configured at a path where nothing is
-    r = read("D100", 4);
-    EXPECT_EQ(r.rc, -100);
-    EXPECT_EQ(r.out, "open error\n");
-}

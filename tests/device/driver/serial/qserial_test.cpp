@@ -57,24 +57,14 @@ const std::pair<int, std::string> failed = {-1, "untouched"};
 
 } // namespace
 
-TEST_F(QSerialDriver, ReadsWordsUnsignedAndBits)
+TEST_F(QSerialDriver, ReadsWordsUnsignedAndBitsRefusingOtherTypes)
 {
     ASSERT_TRUE(plc_.set_word("D100", 0xFFFF));
     ASSERT_TRUE(plc_.set_word("D16", 1234)); // a request with a doubled DLE
     ASSERT_TRUE(plc_.set_bit("M20", true));  // an ON bit comes back as a doubled DLE
     ASSERT_TRUE(plc_.set_word("D101", 0x1010));
     open_line();
-    EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("65535")));
-    EXPECT_EQ(read("d16", NODE_TYPE_S16), std::make_pair(0, std::string("1234")));
-    EXPECT_EQ(read("M20", NODE_TYPE_BIT), std::make_pair(0, std::string("1")));
-    EXPECT_EQ(read("SM400", NODE_TYPE_BIT), std::make_pair(0, std::string("0")));
-    EXPECT_EQ(read("D101", NODE_TYPE_S16), std::make_pair(0, std::string("4112")));
-    EXPECT_EQ(plc_.reads(), 5u);
-}
-
-TEST_F(QSerialDriver, RefusesOtherTypesAndAddressesWithoutSending)
-{
-    open_line();
+    // Other types and addresses are refused without sending.
     EXPECT_EQ(read("D100", NODE_TYPE_U16), failed);
     EXPECT_TRUE(logs_.contains("mitusbishi_Qserial_read:"));
     EXPECT_TRUE(logs_.contains(" dt = 4\n"));
@@ -83,7 +73,14 @@ TEST_F(QSerialDriver, RefusesOtherTypesAndAddressesWithoutSending)
     EXPECT_EQ(read("XA5", NODE_TYPE_BIT), failed);
     EXPECT_EQ(read("DX", NODE_TYPE_BIT), failed);
     EXPECT_EQ(line_.requests(), 0u);
+    EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("65535")));
+    EXPECT_EQ(read("d16", NODE_TYPE_S16), std::make_pair(0, std::string("1234")));
+    EXPECT_EQ(read("M20", NODE_TYPE_BIT), std::make_pair(0, std::string("1")));
+    EXPECT_EQ(read("SM400", NODE_TYPE_BIT), std::make_pair(0, std::string("0")));
+    EXPECT_EQ(read("D101", NODE_TYPE_S16), std::make_pair(0, std::string("4112")));
+    EXPECT_EQ(plc_.reads(), 5u);
 }
+
 
 TEST_F(QSerialDriver, FaultsFailTheReadAndTheNextOneRecovers)
 {
