@@ -2,14 +2,12 @@
 // in my.db, and what a restart brings back.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "config/device_handlers.h"
 #include "support/daemon_fixture.h"
 #include "support/log_records.h"
-#include "support/test_driver.h"
 
 using namespace dstest;
 

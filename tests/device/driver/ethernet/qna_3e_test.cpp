@@ -40,7 +40,7 @@ TEST_F(QnA3EDriver, ReadsWordsAndBits)
     EXPECT_EQ(read("T5", 1), R(0, "1"));
 }
 
-TEST_F(QnA3EDriver, RefusedNodesLeaveReadErrAndSendNothing)
+TEST_F(QnA3EDriver, RefusedNodesAndRecordsLeaveReadErrAndSendNothing)
 {
     Captured log;
     EXPECT_EQ(read("D100", 1), R(-1, "read err")) << "a word device in bit units";
@@ -50,6 +50,14 @@ TEST_F(QnA3EDriver, RefusedNodesLeaveReadErrAndSendNothing)
     EXPECT_NE(log.err.find("mitsubishi_QnA_3E_read:"), std::string::npos);
     EXPECT_NE(log.err.find(" dt err = 4\n"), std::string::npos);
     EXPECT_EQ(plc_.requests(), 0u);
+
+    // A serial record bound by maker and model is refused.
+    serial_device *s = serial_device_create(8, "q", 0, 1, 104, 0, 1, 1, 9600, 8, 1, 0);
+    s->driver = dev_->driver;
+    int r = 0;
+    capture_output([&] { r = s->driver->open(s); });
+    EXPECT_EQ(r, -1);
+    serial_device_free(s);
 }
 
 TEST_F(QnA3EDriver, EachFaultCostsOnlyThatNode)
@@ -126,14 +134,4 @@ TEST_F(QnA3EDriver, OpenReusesAConnectionAndDrainsStaleInput)
     EXPECT_EQ(log.out.find("connect successful"), std::string::npos) << "no second connection";
     EXPECT_EQ(read_open("D100", 5), R(0, "12345")) << "the stale bytes are not taken for the answer";
     EXPECT_EQ(plc_.connections(), 1u);
-}
-
-TEST_F(QnA3EDriver, SerialRecordBoundByModelIsRefused)
-{
-    serial_device *s = serial_device_create(8, "q", 0, 1, 104, 0, 1, 1, 9600, 8, 1, 0);
-    s->driver = dev_->driver;
-    int r = 0;
-    capture_output([&] { r = s->driver->open(s); });
-    EXPECT_EQ(r, -1);
-    serial_device_free(s);
 }
