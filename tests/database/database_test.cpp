@@ -131,15 +131,6 @@ insert into EthernetDevTable values (1,'e1',1,2,3,'127.0.0.1',102,0,1);
               (std::vector<std::string>{"PlcDevEthernet", "PlcDevSerial", "PlcNode"}));
 }
 
-namespace {
-std::vector<std::string> restored;
-int remember(const uint8_t *payload, size_t length)
-{
-    restored.emplace_back(reinterpret_cast<const char *>(payload), length);
-    return 1; // a callback's result does not stop the walk
-}
-} // namespace
-
 TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
 {
     init_driver();
@@ -212,8 +203,12 @@ TEST_F(Database, BlobRestoreCallbacksRebuildRecordsByFieldName)
     });
     EXPECT_EQ(sqlite_rows("plc_service.db", "select ID, NAME from PlcNode order by ID"),
               (std::vector<std::string>{"1|one", "2|two"}));
-    restored.clear();
-    capture_output([] { database_restore_message("plc_service.db", "PlcNode", remember); });
+    static std::vector<std::string> restored;
+    const auto remember = [](const uint8_t *payload, size_t length) {
+        restored.emplace_back(reinterpret_cast<const char *>(payload), length);
+        return 1; // a callback's result does not stop the walk
+    };
+    capture_output([&] { database_restore_message("plc_service.db", "PlcNode", remember); });
     EXPECT_EQ(restored.size(), 2u);
     EXPECT_NE(std::find(restored.begin(), restored.end(), "third"), restored.end());
     capture_output([] { database_delete_message("plc_service.db", "PlcNode", 2); });
