@@ -114,7 +114,10 @@ TEST(NodeTable, DuplicateIdIsRefusedAndOrderKept)
 
 TEST(Registry, InitRegistersTwelveDriversInTableOrderMatchedByMakerAndModel)
 {
-    auto c = capture_output([] { init_driver(); });
+    auto c = capture_output([] {
+        deinit_driver(); // whatever an earlier test in this process registered
+        init_driver();
+    });
     const char *order[] = {"mitsubishi_fx1n", "mitsubishi_fx3u",    "mitsubishi_fx5u",
                            "mitsubishi_QnA_3E", "mitusbishi_Qserial", "siemens_s7_200",
                            "siemens_s7_200smart", "siemens_s7_1200", "siemens_s7_1500",
