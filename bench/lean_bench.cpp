@@ -376,6 +376,75 @@ int run_churn(uint16_t port, int minutes)
     return 0;
 }
 
+struct Footprint {
+    long base, hwm_call, after_add, after_sync, restored;
+
+    double per_node(long kib) const { return static_cast<double>(kib - base) * 1024.0 / BULK_NODES; }
+    void print(const char *texts) const
+    {
+        printf("  %s:\n", texts);
+        printf("    VmRSS with the devices, no nodes: %.1f MiB\n", base / 1024.0);
+        printf("    VmHWM during nodeTableAddMulti of %u: %.1f MiB\n", BULK_NODES, hwm_call / 1024.0);
+        printf("    VmRSS cycling after nodeTableAddMulti: %.1f MiB (%.0f bytes per node)\n",
+               after_add / 1024.0, per_node(after_add));
+        printf("    VmRSS cycling after nodeTableSyncMulti to %u others: %.1f MiB\n", BULK_NODES,
+               after_sync / 1024.0);
+        printf("    VmRSS cycling after restoring them from my.db: %.1f MiB (%.0f bytes per node)\n",
+               restored / 1024.0, per_node(restored));
+        printf("    ratio configured / restored: %.2fx (add), %.2fx (sync)\n",
+               static_cast<double>(after_add) / static_cast<double>(restored),
+               static_cast<double>(after_sync) / static_cast<double>(restored));
+    }
+};
+
+// (a(suussusubbuuiuuiss)) of the bulk nodes; with long texts every one of
+// the six texts has 16 characters.
+GVariant *bulk_nodes(uint32_t first_id, bool long_texts)
+{
+    if (!long_texts)
+        return node_array(nodes(BULK_DEVICES, BULK_NODES / BULK_DEVICES, first_id));
+    const uint32_t per_device = BULK_NODES / BULK_DEVICES;
+    auto text16 = [](const char *head, uint32_t n) {
+        char s[17];
+        snprintf(s, sizeof s, "%s%0*u", head, static_cast<int>(16 - strlen(head)), n);
+        return std::string(s);
+    };
+    GVariantBuilder b;
+    g_variant_builder_init(&b, G_VARIANT_TYPE("a(suussusubbuuiuuiss)"));
+    for (uint32_t d = 1; d <= BULK_DEVICES; ++d)
+        for (uint32_t i = 0; i < per_device; ++i) {
+            const uint32_t id = first_id + (d - 1) * per_device + i;
+            g_variant_builder_add(&b, "(suussusubbuuiuuiss)", text16("device-", d).c_str(), d, id,
+                                  text16("node-", id).c_str(), text16("D", i).c_str(), 4u,
+                                  text16("unit-", id).c_str(), 0u, FALSE, FALSE, 0u, 0u, 0, 0u, 0u,
+                                  0, text16("alarm-", id).c_str(), text16("about-", id).c_str());
+        }
+    return g_variant_new("(@a(suussusubbuuiuuiss))", g_variant_builder_end(&b));
+}
+
+Footprint footprint(uint16_t port, bool long_texts)
+{
+    Daemon d;
+    for (uint32_t dev = 1; dev <= BULK_DEVICES; ++dev)
+        d.call("EthernetDeviceAdd",
+               ethernet_args(dev, 1, 103, "fx5u-" + std::to_string(dev), "127.0.0.1", port));
+    d.cycles(5);
+    Footprint f{};
+    f.base = d.rss();
+    reset_peak(d.proc->pid());
+    d.call("nodeTableAddMulti", bulk_nodes(1, long_texts));
+    f.hwm_call = status_kib(d.proc->pid(), "VmHWM:");
+    d.cycles(5);
+    f.after_add = d.rss();
+    d.call("nodeTableSyncMulti", bulk_nodes(BULK_NODES + 1, long_texts));
+    d.cycles(5);
+    f.after_sync = d.rss();
+    d.restart();
+    d.cycles(5);
+    f.restored = d.rss();
+    return f;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -417,25 +486,8 @@ int main(int argc, char **argv)
         growth_per_100 = static_cast<double>(d.rss() - before) * 100.0 / growth_cycles;
     }
 
-    Daemon d;
-    for (uint32_t dev = 1; dev <= BULK_DEVICES; ++dev)
-        d.call("EthernetDeviceAdd",
-               ethernet_args(dev, 1, 103, "fx5u-" + std::to_string(dev), "127.0.0.1", server.port()));
-    d.cycles(5);
-    const long base = d.rss();
-    reset_peak(d.proc->pid());
-    d.call("nodeTableAddMulti", node_array(nodes(BULK_DEVICES, BULK_NODES / BULK_DEVICES, 1)));
-    const long hwm_call = status_kib(d.proc->pid(), "VmHWM:");
-    d.cycles(5);
-    const long after_add = d.rss();
-    d.call("nodeTableSyncMulti",
-           node_array(nodes(BULK_DEVICES, BULK_NODES / BULK_DEVICES, BULK_NODES + 1)));
-    d.cycles(5);
-    const long after_sync = d.rss();
-    d.restart();
-    d.cycles(5);
-    const long restored = d.rss();
-
+    const Footprint short_texts = footprint(server.port(), false);
+    const Footprint long_texts = footprint(server.port(), true);
     printf("reads against one loopback Modbus TCP server, %u one-register reads per cycle, "
            "server and reading client on CPU 0, each in its own process\n", READS_PER_CYCLE);
     printf("  raw libmodbus loop: %.2f us CPU per read, %.2f ms per cycle\n", raw.cpu_per_read_us,
@@ -447,16 +499,7 @@ int main(int argc, char **argv)
     printf("  VmRSS growth while cycling: %.2f KiB per 100 cycles (over %d cycles)\n",
            growth_per_100, growth_cycles);
     printf("%u devices x %u U16 nodes, scan interval 0\n", BULK_DEVICES, BULK_NODES / BULK_DEVICES);
-    printf("  VmRSS with the devices, no nodes: %.1f MiB\n", base / 1024.0);
-    printf("  VmHWM during nodeTableAddMulti of %u: %.1f MiB\n", BULK_NODES, hwm_call / 1024.0);
-    printf("  VmRSS cycling after nodeTableAddMulti: %.1f MiB (%.0f bytes per node)\n",
-           after_add / 1024.0, static_cast<double>(after_add - base) * 1024.0 / BULK_NODES);
-    printf("  VmRSS cycling after nodeTableSyncMulti to %u others: %.1f MiB\n", BULK_NODES,
-           after_sync / 1024.0);
-    printf("  VmRSS cycling after restoring them from my.db: %.1f MiB (%.0f bytes per node)\n",
-           restored / 1024.0, static_cast<double>(restored - base) * 1024.0 / BULK_NODES);
-    printf("  ratio configured / restored: %.2fx (add), %.2fx (sync)\n",
-           static_cast<double>(after_add) / static_cast<double>(restored),
-           static_cast<double>(after_sync) / static_cast<double>(restored));
+    short_texts.print("names of 3-5 characters, no unit, alarm text or description");
+    long_texts.print("every text of 16 characters");
     return 0;
 }

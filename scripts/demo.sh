@@ -70,7 +70,8 @@ pids+=($!)
 pids+=($!)
 
 svc=(--session --dest com.fernwick.DeviceService --object-path /com/fernwick/DeviceService)
-for _ in $(seq 200); do
+# A busy machine (a build, tests in parallel) can take many seconds.
+for _ in $(seq 1200); do
   gdbus introspect "${svc[@]}" >/dev/null 2>&1 && break
   sleep 0.05
 done
@@ -97,7 +98,7 @@ bridge=("$build/bridge/device-service-bridge" --broker "127.0.0.1:$mqtt_port")
 # bridge's first birth cannot reach the broker before the subscription.
 "${bridge[@]}" --watch 2>"$work/watch.log" &
 pids+=($!)
-for _ in $(seq 100); do grep -q "connected to" "$work/watch.log" 2>/dev/null && break; sleep 0.05; done
+for _ in $(seq 400); do grep -q "connected to" "$work/watch.log" 2>/dev/null && break; sleep 0.05; done
 "${bridge[@]}" --edge-node demo-gateway --state-dir "$work/bridge" >"$work/bridge.log" 2>&1 &
 pids+=($!)
 

@@ -126,12 +126,8 @@ gboolean on_handle_node_table_mdf_one(
             plc_error_report(PLC_NODE_MODULE, func, __LINE__, "node not exist.");
             return 6;
         }
-        // Every configuration field changes; the place in the list and the
-        // last value stay.
-        char value[NODE_VALUE_SIZE];
-        memcpy(value, n->value, sizeof value);
+        // Every configuration field changes; the place in the list stays.
         *n = std::move(*req);
-        memcpy(n->value, value, sizeof value);
         return 0;
     };
     return serve(func, -1, modify, [&](int r) {

@@ -193,13 +193,13 @@ char *new_add_node_sql(const node *n)
                      "insert into NodeTable values "
                      "('%s',%u,%u,'%s','%s',%u,'%s',%u,%u,%u,%u,%u,%u,%u,%u,%u,'%s','%s');",
                      n->dev_name.c_str(), n->dev_id, n->node_id, n->node_name.c_str(),
-                     n->node_addr.c_str(), n->node_data_type, n->node_unit.c_str(),
+                     n->node_addr.c_str(), n->node_data_type, n->rare.unit(),
                      n->node_permission, static_cast<unsigned>(n->node_report_enable),
                      static_cast<unsigned>(n->node_alarm_enable), n->node_alarm_bit,
                      n->node_alarm_condition_major, static_cast<unsigned>(n->node_alarm_value_major),
                      n->node_alarm_operation_type, n->node_alarm_condition_minor,
                      static_cast<unsigned>(n->node_alarm_value_minor),
-                     n->node_alarm_content.c_str(), n->node_description.c_str());
+                     n->rare.alarm_content(), n->rare.description());
 }
 
 char *new_delete_node_sql(uint32_t node_id)

@@ -69,7 +69,7 @@ TEST_F(Database, OneStatementPerExecutionAndBufferThatOnlyGrows)
 
     auto capacity = [] { return malloc_usable_size(new_delete_node_sql(7)); };
     EXPECT_LT(capacity(), 2048u);
-    n->node_description = std::string(5000, 'x');
+    n->rare = node_rare_texts("", "", std::string(5000, 'x').c_str());
     ASSERT_EQ(update_node_for_node_table(n), 0);
     EXPECT_GT(capacity(), 5000u) << "the buffer never shrinks";
     EXPECT_EQ(new_add_node_sql(nullptr), nullptr);

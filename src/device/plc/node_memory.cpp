@@ -9,8 +9,10 @@
 namespace {
 
 constexpr size_t SLAB_SIZE = 64 * 1024;
-constexpr size_t GRAIN = 16;
-constexpr size_t CLASSES = 16; // blocks of 16, 32, ... 256 bytes
+// Blocks of 8, 16, 24, ... 256 bytes: a list cell or an index entry of
+// 24 bytes would waste a third of a 32-byte block, once per node.
+constexpr size_t GRAIN = 8;
+constexpr size_t CLASSES = 32;
 constexpr size_t SMALL_MAX = GRAIN * CLASSES;
 
 // At the start of each slab, which is aligned to its own size so that a
@@ -25,7 +27,8 @@ struct slab {
     bool listed; // on its class's list of slabs with room
 };
 
-constexpr size_t HEADER = (sizeof(slab) + GRAIN - 1) / GRAIN * GRAIN;
+// Blocks whose size is a multiple of 16 stay aligned to 16.
+constexpr size_t HEADER = (sizeof(slab) + 15) / 16 * 16;
 
 struct size_class {
     slab *with_room = nullptr;

@@ -11,7 +11,8 @@
 #include <cstddef>
 #include <new>
 
-// A block of `size` bytes (aligned to 16); throws std::bad_alloc when no
+// A block of `size` bytes, aligned to 16 if `size` is a multiple of 16 and
+// to 8 otherwise (what any object of that size needs); throws std::bad_alloc when no
 // memory is left. Blocks up to 256 bytes come from slabs, larger ones are
 // mapped whole.
 void *node_memory_alloc(size_t size);

@@ -12,6 +12,7 @@
 #include <new>
 #include <ostream>
 #include <string>
+#include <utility>
 
 class node_text {
 public:
@@ -131,3 +132,64 @@ private:
 };
 
 static_assert(sizeof(node_text) == 24);
+
+// The three texts a read never needs: unit, alarm content and description.
+// Most nodes leave them empty, and then they cost one null pointer instead of
+// three node_texts; otherwise they share one heap block of exactly their size,
+// "unit\0content\0description\0".
+class node_rare_texts {
+public:
+    node_rare_texts() noexcept = default;
+    node_rare_texts(const char *unit, const char *alarm_content, const char *description)
+    {
+        const char *texts[] = {unit != nullptr ? unit : "",
+                               alarm_content != nullptr ? alarm_content : "",
+                               description != nullptr ? description : ""};
+        size_t lengths[3];
+        size_t total = 0;
+        for (size_t i = 0; i < 3; ++i) {
+            lengths[i] = strlen(texts[i]);
+            total += lengths[i] + 1;
+        }
+        if (total == 3)
+            return;
+        block_ = static_cast<char *>(malloc(total));
+        if (block_ == nullptr)
+            throw std::bad_alloc();
+        char *at = block_;
+        for (size_t i = 0; i < 3; ++i) {
+            memcpy(at, texts[i], lengths[i] + 1);
+            at += lengths[i] + 1;
+        }
+    }
+    node_rare_texts(const node_rare_texts &o)
+        : node_rare_texts(o.unit(), o.alarm_content(), o.description())
+    {
+    }
+    node_rare_texts(node_rare_texts &&o) noexcept : block_(std::exchange(o.block_, nullptr)) {}
+    node_rare_texts &operator=(node_rare_texts o) noexcept
+    {
+        std::swap(block_, o.block_);
+        return *this;
+    }
+    ~node_rare_texts() { free(block_); }
+
+    const char *unit() const noexcept { return text(0); }
+    const char *alarm_content() const noexcept { return text(1); }
+    const char *description() const noexcept { return text(2); }
+
+private:
+    const char *text(int index) const noexcept
+    {
+        if (block_ == nullptr)
+            return "";
+        const char *at = block_;
+        for (int i = 0; i < index; ++i)
+            at += strlen(at) + 1;
+        return at;
+    }
+
+    char *block_ = nullptr;
+};
+
+static_assert(sizeof(node_rare_texts) == sizeof(char *));

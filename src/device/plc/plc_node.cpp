@@ -50,9 +50,7 @@ node *node_create(const char *dev_name, uint32_t dev_id, uint32_t node_id, const
         n->dev_name = text(dev_name);
         n->node_name = text(node_name);
         n->node_addr = text(node_addr);
-        n->node_unit = text(node_unit);
-        n->node_alarm_content = text(node_alarm_content);
-        n->node_description = text(node_description);
+        n->rare = node_rare_texts(node_unit, node_alarm_content, node_description);
     } catch (const std::bad_alloc &) {
         delete n;
         PLC_ERROR_REPORT(PLC_NODE_MODULE, "node create failed.");
@@ -78,12 +76,12 @@ node *node_copy(const node *src)
     if (src == nullptr)
         return nullptr;
     return node_create(src->dev_name.c_str(), src->dev_id, src->node_id, src->node_name.c_str(),
-                       src->node_addr.c_str(), src->node_data_type, src->node_unit.c_str(),
+                       src->node_addr.c_str(), src->node_data_type, src->rare.unit(),
                        src->node_permission, src->node_report_enable, src->node_alarm_enable,
                        src->node_alarm_bit, src->node_alarm_condition_major,
                        src->node_alarm_value_major, src->node_alarm_operation_type,
                        src->node_alarm_condition_minor, src->node_alarm_value_minor,
-                       src->node_alarm_content.c_str(), src->node_description.c_str());
+                       src->rare.alarm_content(), src->rare.description());
 }
 
 void node_free(node *n)
@@ -103,11 +101,11 @@ void node_show(const node *n)
             "node_alarm_condition_minor: %d\n\t node_alarm_value_minor: %d\n\t "
             "node_alarm_content: %s\n\t node_description: %s\n",
             n->dev_name.c_str(), n->dev_id, n->node_id, n->node_name.c_str(), n->node_addr.c_str(),
-            n->node_data_type, n->node_unit.c_str(), n->node_permission, n->node_report_enable,
+            n->node_data_type, n->rare.unit(), n->node_permission, n->node_report_enable,
             n->node_alarm_enable, n->node_alarm_bit, n->node_alarm_condition_major,
             n->node_alarm_value_major, n->node_alarm_operation_type,
             n->node_alarm_condition_minor, n->node_alarm_value_minor,
-            n->node_alarm_content.c_str(), n->node_description.c_str());
+            n->rare.alarm_content(), n->rare.description());
 }
 
 GList *get_node_table_list()

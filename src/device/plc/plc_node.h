@@ -7,15 +7,16 @@
 #include "device/plc/node_text.h"
 #include "device/plc/plc_device.h"
 
-// Texts are node_text: 24 bytes each, no heap block up to 23 characters.
+// Texts are node_text: 24 bytes each, no heap block up to 23 characters;
+// unit, alarm content and description are node_rare_texts.
 struct node {
     node_text dev_name;
     uint32_t dev_id = 0;
     uint32_t node_id = 0;
     node_text node_name;
     node_text node_addr;
+    node_rare_texts rare; // node_unit, node_alarm_content, node_description
     uint32_t node_data_type = 0;
-    node_text node_unit;
     uint32_t node_permission = 0;
     int32_t node_report_enable = 0;
     int32_t node_alarm_enable = 0;
@@ -25,14 +26,14 @@ struct node {
     uint32_t node_alarm_operation_type = 0;
     uint32_t node_alarm_condition_minor = 0;
     int32_t node_alarm_value_minor = 0;
-    node_text node_alarm_content;
-    node_text node_description;
-    char value[NODE_VALUE_SIZE] = {};
 
     // Records live apart from the heap: see node_memory.h.
     static void *operator new(size_t size) { return node_memory_alloc(size); }
     static void operator delete(void *p, size_t size) noexcept { node_memory_free(p, size); }
 };
+
+// What a node costs: the README counts on it.
+static_assert(sizeof(node) == 128);
 
 inline constexpr const char PLC_NODE_MODULE[] = "device/plc/plc_node";
 
@@ -43,7 +44,7 @@ node *node_create(const char *dev_name, uint32_t dev_id, uint32_t node_id, const
                   int32_t node_alarm_value_major, uint32_t node_alarm_operation_type,
                   uint32_t node_alarm_condition_minor, int32_t node_alarm_value_minor,
                   const char *node_alarm_content, const char *node_description);
-// The copy has a zeroed value buffer.
+// A new record with the same fields.
 node *node_copy(const node *src);
 void node_free(node *n);
 void node_show(const node *n);

@@ -39,9 +39,11 @@ TEST(Records, CopiesCarryNeitherDriverNorValueAndShowFormats)
     EXPECT_EQ(ec->ip_addr, "127.0.0.1");
 
     node *n = make_node(1);
-    g_strlcpy(n->value, "1234", sizeof n->value);
+    n->rare = node_rare_texts("rpm", "", "shaft");
     node *nc = node_copy(n);
-    EXPECT_EQ(nc->value[0], '\0');
+    EXPECT_STREQ(nc->rare.unit(), "rpm");
+    EXPECT_STREQ(nc->rare.alarm_content(), "");
+    EXPECT_STREQ(nc->rare.description(), "shaft");
     EXPECT_EQ(nc->node_alarm_value_major, -5);
     EXPECT_EQ(nc->node_addr, "D100");
 
