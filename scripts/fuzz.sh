@@ -16,8 +16,9 @@ targets=$(cd fuzz && ls *_fuzz.cpp | sed 's/\.cpp$//')
 # shellcheck disable=SC2086
 cmake --build "$dir" -j "${JOBS:-2}" --target $targets
 
-for t in $targets; do
-  echo "== fuzz $t (${seconds}s)"
+# One target per core: each is a single process.
+run_target() { # target
+  local t=$1 work seeds
   work=$(mktemp -d)
   mkdir "$work/corpus"
   # Seeds: well-formed frames, so that the run starts past the sum checks.
@@ -26,12 +27,27 @@ for t in $targets; do
   if ! (cd "$work" && ASAN_OPTIONS=abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         "$dir/fuzz/$t" -max_total_time="$seconds" -rss_limit_mb=2048 -print_final_stats=1 \
         corpus >log 2>&1); then
-    tail -n 60 "$work/log"
-    echo "fuzz target $t failed" >&2
+    { echo "== fuzz $t"; tail -n 60 "$work/log"; echo "fuzz target $t failed"; } >&2
     rm -rf "$work"
-    exit 1
+    return 1
   fi
-  grep -E "^(#[0-9]+ +DONE|stat::number_of_executed_units)" "$work/log" || true
+  echo "== fuzz $t (${seconds}s): $(grep -E "^stat::number_of_executed_units" "$work/log" || true)"
   rm -rf "$work"
+}
+
+failed=0
+running=0
+for t in $targets; do
+  if [ "$running" -ge "${JOBS:-2}" ]; then
+    wait -n || failed=1
+    running=$((running - 1))
+  fi
+  run_target "$t" &
+  running=$((running + 1))
 done
+while [ "$running" -gt 0 ]; do
+  wait -n || failed=1
+  running=$((running - 1))
+done
+[ "$failed" -eq 0 ] || exit 1
 echo "== fuzzing found nothing"

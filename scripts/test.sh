@@ -13,20 +13,21 @@ root=$(pwd)
 bash scripts/setup.sh
 
 jobs=${JOBS:-2}
+stage() { echo "== $1 (at ${SECONDS}s)"; }
 configure_and_build() { # dir, extra cmake args...
   local dir=$1; shift
   cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDS_WERROR=ON "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
 }
 
-echo "== build and test"
+stage "build and test"
 configure_and_build build/ci
 ctest --test-dir build/ci -j "$jobs" --output-on-failure
 
-echo "== the Debian package"
+stage "the Debian package"
 bash scripts/check-package.sh build/ci
 
-echo "== AddressSanitizer + UBSan"
+stage "AddressSanitizer + UBSan"
 # The test programs and what they run: the benchmarks are built in the
 # plain build only.
 cmake -S "$root" -B build/ci-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDS_WERROR=ON -DDS_SANITIZE=address >/dev/null
@@ -36,7 +37,7 @@ cmake --build build/ci-asan -j "$jobs" \
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build/ci-asan -j "$jobs" --output-on-failure
 
-echo "== ThreadSanitizer (the daemon under TSan, driven by the concurrency tests)"
+stage "ThreadSanitizer (the daemon under TSan, driven by the concurrency tests)"
 # The test programs stay uninstrumented (TSan does not survive their fork of
 # dbus-daemon from a threaded process); the daemon they start is the TSan one.
 cmake -S "$root" -B build/ci-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDS_WERROR=ON \
@@ -46,6 +47,6 @@ TSAN_OPTIONS="halt_on_error=1 exitcode=66 suppressions=$root/tests/tsan.supp" \
 DS_TEST_DAEMON_BINARY="$root/build/ci-tsan/tests/device-service-test" \
   ctest --test-dir build/ci -j "$jobs" --output-on-failure -R 'Loop|Concurrency'
 
-echo "== fuzzing"
+stage "fuzzing"
 FUZZ_BUILD=build/ci-fuzz bash scripts/fuzz.sh
-echo "== all tests passed"
+stage "all tests passed"
