@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <initializer_list>
 #include <string>
 
@@ -87,6 +89,32 @@ protected:
             }
         });
         return {r, r == -100 ? "" : v, c.out, a};
+    }
+
+    struct Fault {
+        std::atomic<bool> &flag;
+        const char *says; // part of what the failed read says; "" when that varies
+    };
+    // Each fault fails a read of `addr`, which leaves `failed` as the value
+    // and says the fault's line (in its stdout, or in what `said` picks);
+    // with the fault cleared the next read gives `good` again.
+    void expect_each_fault_recovers(const char *addr, uint32_t type, const char *good,
+                                    const char *failed, std::initializer_list<Fault> faults,
+                                    bool open_and_release = true,
+                                    const std::function<std::string(const Read &)> &said = nullptr)
+    {
+        for (const Fault &f : faults) {
+            f.flag = true;
+            const Read bad = read(addr, type, open_and_release);
+            f.flag = false;
+            const std::string text = said ? said(bad) : bad.out;
+            EXPECT_EQ(bad.rc, -1) << f.says << text;
+            EXPECT_EQ(bad.value, failed) << f.says;
+            EXPECT_NE(text.find(f.says), std::string::npos) << f.says << " not in " << text;
+            const Read next = read(addr, type, open_and_release);
+            EXPECT_EQ(next.rc, 0) << "after " << f.says << next.out;
+            EXPECT_EQ(next.value, good) << "after " << f.says;
+        }
     }
 
     TempDir dir_;

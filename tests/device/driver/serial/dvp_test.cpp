@@ -139,28 +139,13 @@ TEST_F(DvpDriver, ClosedPortKeepsItsNumberAndFailsUntilOpened)
 TEST_F(DvpDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
 {
     plc_.set_device("D100", 4660); // LRC AB: letters that a lower-case LRC changes
-    struct Fault {
-        std::atomic<bool> *flag;
-        const char *line; // what the driver prints, if anything
-    } faults[] = {
-        {&plc_.faults.silent, "select timeout\n"},
-        {&plc_.faults.nak, "delta respond err = 02\n"},
-        {&plc_.faults.exception, "delta respond err = 02\n"},
-        {&plc_.faults.bad_checksum, ""},
-        {&plc_.faults.garbage, ""},
-        {&plc_.lower_case_lrc, ""},
-    };
-    for (Fault &f : faults) {
-        *f.flag = true;
-        const Read bad = read("D100", 4);
-        *f.flag = false;
-        EXPECT_EQ(bad.rc, -1) << f.line << bad.out;
-        EXPECT_EQ(bad.out.find("<D100> = "), std::string::npos) << bad.out;
-        EXPECT_NE(bad.out.find(f.line), std::string::npos) << bad.out;
-        const Read good = read("D100", 4);
-        EXPECT_EQ(good.rc, 0) << f.line << good.out;
-        EXPECT_EQ(good.value, "4660") << f.line;
-    }
+    expect_each_fault_recovers("D100", 4, "4660", "untouched",
+                               {{plc_.faults.silent, "select timeout\n"},
+                                {plc_.faults.nak, "delta respond err = 02\n"},
+                                {plc_.faults.exception, "delta respond err = 02\n"},
+                                {plc_.faults.bad_checksum, ""},
+                                {plc_.faults.garbage, ""},
+                                {plc_.lower_case_lrc, ""}});
     // An answer in pieces is joined.
     plc_.set_device("D100", 0xABCD);
     plc_.faults.split = true;

@@ -74,26 +74,11 @@ TEST_F(FxDriver, BadAddressesAndPortsAreErrors)
 TEST_F(FxDriver, EveryFaultFailsTheReadAndTheNextOneRecovers)
 {
     plc_.set_register(100, 4660);
-    struct Fault {
-        std::atomic<bool> *flag;
-        const char *line; // what the driver prints, if anything
-    } faults[] = {
-        {&plc_.faults.silent, "timeout1\n"},
-        {&plc_.faults.nak, "cmd error\n"},
-        {&plc_.faults.exception, "cmd error\n"},
-        {&plc_.faults.garbage, ""},
-    };
-    for (Fault &f : faults) {
-        *f.flag = true;
-        const Read bad = read("D100", 4);
-        *f.flag = false;
-        EXPECT_EQ(bad.rc, -1) << f.line << bad.out;
-        EXPECT_EQ(bad.value, "read error") << f.line;
-        EXPECT_NE(bad.out.find(f.line), std::string::npos) << bad.out;
-        const Read good = read("D100", 4);
-        EXPECT_EQ(good.rc, 0) << f.line << good.out;
-        EXPECT_EQ(good.value, "4660") << f.line;
-    }
+    expect_each_fault_recovers("D100", 4, "4660", "read error",
+                               {{plc_.faults.silent, "timeout1\n"},
+                                {plc_.faults.nak, "cmd error\n"},
+                                {plc_.faults.exception, "cmd error\n"},
+                                {plc_.faults.garbage, ""}});
     // The answer's sum is not checked; an answer in pieces is joined.
     plc_.set_register(10, 0x1234);
     plc_.set_register(11, 0x5678);

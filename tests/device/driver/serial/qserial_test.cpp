@@ -86,25 +86,20 @@ TEST_F(QSerialDriver, FaultsFailTheReadAndTheNextOneRecovers)
 {
     plc_.set_word("D100", 42);
     open_line();
-    struct Fault {
-        std::atomic<bool> &flag;
-        const char *log;
-    };
-    const Fault faults[] = {
-        {plc_.faults.nak, " respond_code = c051H\n"}, // an end code
-        {plc_.faults.exception, ""},
-        {plc_.faults.silent, " respond timeout \n"},
-        {plc_.faults.bad_checksum, " != sum:"},
-        {plc_.faults.garbage, ""}, // random bytes: how it fails depends on them
-    };
-    for (const auto &f : faults) {
+    // What each read logged, the logs cleared for the next one.
+    const auto logged = [this](const Read &) {
+        const std::string text = logs_.text();
         logs_.clear();
-        f.flag = true;
-        EXPECT_EQ(read("D100", NODE_TYPE_S16), failed) << f.log;
-        EXPECT_TRUE(logs_.contains(f.log)) << logs_.text();
-        f.flag = false;
-        EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("42"))) << f.log;
-    }
+        return text;
+    };
+    expect_each_fault_recovers("D100", NODE_TYPE_S16, "42", "untouched",
+                               {{plc_.faults.nak, " respond_code = c051H\n"}, // an end code
+                                {plc_.faults.exception, ""},
+                                {plc_.faults.silent, " respond timeout \n"},
+                                {plc_.faults.bad_checksum, " != sum:"},
+                                // random bytes: how it fails depends on them
+                                {plc_.faults.garbage, ""}},
+                               false, logged);
     // An answer in pieces is gathered until its length is reached.
     plc_.faults.split = true;
     EXPECT_EQ(read("D100", NODE_TYPE_S16), std::make_pair(0, std::string("42")));

@@ -81,30 +81,16 @@ TEST_F(S7200Driver, FaultsFailTheReadAndTheNextOneRecovers)
 {
     plc_.set_bytes(PpiSim::AREA_V, 100, {0x00, 0x2A});
     open_line();
-    struct Fault {
-        std::atomic<bool> &flag;
-        const char *out;
-    };
-    const Fault faults[] = {
-        {plc_.faults.silent, "timeout1\nread error"},
-        {plc_.faults.nak, "cmd error\nread error"},
-        {plc_.faults.exception, "read error"}, // no data in the answer
-        {plc_.faults.garbage, "cmd error\nread error"},
-    };
-    for (const auto &f : faults) {
-        // The line's garbage comes from rand(): seeded so that the lone
-        // acknowledgement byte is never turned into a valid one.
-        srand(1);
-        f.flag = true;
-        const Read bad = read("VW100", NODE_TYPE_U16);
-        EXPECT_EQ(bad.rc, -1) << f.out;
-        EXPECT_EQ(bad.value, "read error") << f.out;
-        EXPECT_EQ(bad.out, f.out);
-        f.flag = false;
-        const Read good = read("VW100", NODE_TYPE_U16);
-        EXPECT_EQ(good.rc, 0) << f.out << good.out;
-        EXPECT_EQ(good.value, "42") << f.out;
-    }
+    // The line's garbage comes from rand(): seeded so that the lone
+    // acknowledgement byte is never turned into a valid one.
+    srand(1);
+    expect_each_fault_recovers("VW100", NODE_TYPE_U16, "42", "read error",
+                               {{plc_.faults.garbage, "cmd error\nread error"},
+                                {plc_.faults.silent, "timeout1\nread error"},
+                                {plc_.faults.nak, "cmd error\nread error"},
+                                // no data in the answer
+                                {plc_.faults.exception, "read error"}},
+                               false);
     // The answer's check byte is not looked at.
     plc_.faults.bad_checksum = true;
     EXPECT_EQ(read("VW100", NODE_TYPE_U16).value, "42");
