@@ -47,7 +47,7 @@ Decoded decode(const std::string &answer, std::string code = "")
 
 } // namespace
 
-TEST(DvpCodec, D100RequestAtStation10AndLrcAreByteExact)
+TEST(DvpCodec, RequestLrcAndAnswersByteExact)
 {
     char addr[] = "d100";
     char code[3];
@@ -61,48 +61,7 @@ TEST(DvpCodec, D100RequestAtStation10AndLrcAreByteExact)
     EXPECT_EQ(get_LRC(""), 0x00);
     EXPECT_EQ(capture_output([] { EXPECT_EQ(get_LRC("010"), 0xFF); }).out,
               "get_LRC : input_len%2 != 0\n");
-}
 
-TEST(DvpCodec, FunctionCodePerLetterAndType)
-{
-    struct Case {
-        const char *addr;
-        const char *bit, *u16, *u32; // data types 1, 4 and 6
-    } cases[] = {
-        {"C1", "01", "03", "03"}, {"D1", "-", "03", "-"}, {"M1", "01", "-", "-"},
-        {"S1", "01", "-", "-"},   {"T1", "01", "03", "-"}, {"X1", "02", "-", "-"},
-        {"y1", "01", "-", "-"},   {"Z1", "-", "-", "-"},   {"", "-", "-", "-"},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(code_of(c.addr, 1), c.bit) << c.addr;
-        EXPECT_EQ(code_of(c.addr, 4), c.u16) << c.addr;
-        EXPECT_EQ(code_of(c.addr, 6), c.u32) << c.addr;
-        for (uint32_t other : {2u, 3u, 5u, 7u, 10u, 11u})
-            EXPECT_EQ(code_of(c.addr, other), "-") << c.addr << " type " << other;
-    }
-}
-
-TEST(DvpCodec, ModbusAddresses)
-{
-    struct Case {
-        const char *addr;
-        const char *modbus;
-    } cases[] = {
-        {"S5", "0005"},     {"X10", "0408"},   {"X17", "040F"},   {"X18", "0401"}, // octal scan stops at 8
-        {"X8", "0408"},     {"Y17", "050F"},   {"T3", "0603"},    {"M1535", "0DFF"},
-        {"M1536", "B600"},  {"C5", "0E05"},    {"d100", "1064"},  {"D4095", "1FFF"},
-        {"D4096", "A000"},  {"Z1", "0000"},    {"", "0000"},      {"D28671", "FFFF"},
-        {"M20479", "FFFF"},
-        // Past 16 bits or below 0 there is no register: refused, not masked.
-        {"D28672", ""},     {"M20480", ""},    {"D100000", ""},   {"D-5", ""},
-        {"X-1", ""},        {"D99999999999", ""},
-    };
-    for (const Case &c : cases)
-        EXPECT_EQ(map_of(c.addr), c.modbus) << c.addr;
-}
-
-TEST(DvpCodec, AnswerDecoding)
-{
     Decoded d = decode(":0103021234B4\r\n");
     EXPECT_EQ(d.rc, 0);
     EXPECT_EQ(d.value, 0x1234u);
@@ -128,3 +87,40 @@ TEST(DvpCodec, AnswerDecoding)
     EXPECT_EQ(decode("").rc, -1);
     EXPECT_EQ(decode(std::string(":") + std::string(80, '0') + "00\r\n").rc, -1) << "oversized";
 }
+
+TEST(DvpCodec, ModbusAddressesAndFunctionCodes)
+{
+    struct Case {
+        const char *addr;
+        const char *modbus;
+    } cases[] = {
+        {"S5", "0005"},     {"X10", "0408"},   {"X17", "040F"},   {"X18", "0401"}, // octal scan stops at 8
+        {"X8", "0408"},     {"Y17", "050F"},   {"T3", "0603"},    {"M1535", "0DFF"},
+        {"M1536", "B600"},  {"C5", "0E05"},    {"d100", "1064"},  {"D4095", "1FFF"},
+        {"D4096", "A000"},  {"Z1", "0000"},    {"", "0000"},      {"D28671", "FFFF"},
+        {"M20479", "FFFF"},
+        // Past 16 bits or below 0 there is no register: refused, not masked.
+        {"D28672", ""},     {"M20480", ""},    {"D100000", ""},   {"D-5", ""},
+        {"X-1", ""},        {"D99999999999", ""},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(map_of(c.addr), c.modbus) << c.addr;
+
+    // The function code per letter and data type.
+    struct Codes {
+        const char *addr;
+        const char *bit, *u16, *u32; // data types 1, 4 and 6
+    } codes[] = {
+        {"C1", "01", "03", "03"}, {"D1", "-", "03", "-"}, {"M1", "01", "-", "-"},
+        {"S1", "01", "-", "-"},   {"T1", "01", "03", "-"}, {"X1", "02", "-", "-"},
+        {"y1", "01", "-", "-"},   {"Z1", "-", "-", "-"},   {"", "-", "-", "-"},
+    };
+    for (const Codes &c : codes) {
+        EXPECT_EQ(code_of(c.addr, 1), c.bit) << c.addr;
+        EXPECT_EQ(code_of(c.addr, 4), c.u16) << c.addr;
+        EXPECT_EQ(code_of(c.addr, 6), c.u32) << c.addr;
+        for (uint32_t other : {2u, 3u, 5u, 7u, 10u, 11u})
+            EXPECT_EQ(code_of(c.addr, other), "-") << c.addr << " type " << other;
+    }
+}
+

@@ -4,7 +4,7 @@
 #include "codec/fx5u_address.h"
 #include "device/plc/plc_node.h"
 
-TEST(Fx5uAddress, FixedAllocation)
+TEST(Fx5uAddress, FixedAllocationAndRegisterValuesLowWordFirst)
 {
     auto at = [](const char *t) { return fx5u_parse_address(t).modbus; };
     EXPECT_EQ(at("Y7"), 7u);
@@ -28,10 +28,7 @@ TEST(Fx5uAddress, FixedAllocation)
     EXPECT_EQ(at("w2"), 30722u);
     EXPECT_EQ(fx5u_parse_address("Z1").area, 0);
     EXPECT_EQ(fx5u_parse_address("x0").object, fx5u_object::input_bits);
-}
 
-TEST(Fx5uAddress, RegisterValuesLowWordFirst)
-{
     const struct {
         uint32_t type;
         uint16_t r[2];
@@ -48,3 +45,4 @@ TEST(Fx5uAddress, RegisterValuesLowWordFirst)
         EXPECT_STREQ(text, c.text) << c.type;
     }
 }
+

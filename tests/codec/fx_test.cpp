@@ -45,13 +45,7 @@ std::string decode(const std::string &data, uint32_t type, bool fx3u = false, ui
 
 } // namespace
 
-TEST(FxCodec, D100WordReadIsByteExact)
-{
-    // Sum of "0", "10C8", "04" and ETX: 0x173, sent as its low byte.
-    EXPECT_EQ(request("D100").frame, std::string("\x02" "010C804" "\x03" "73", 11));
-}
-
-TEST(FxCodec, AddressesOfEveryAreaAndRefused)
+TEST(FxCodec, RequestsForEveryAreaAndRefused)
 {
     struct Case {
         const char *addr;
@@ -86,9 +80,12 @@ TEST(FxCodec, AddressesOfEveryAreaAndRefused)
     // -1: no area letter.
     for (const char *bad : {"Z1", "", "100", "W0"})
         EXPECT_EQ(request(bad).rc, -1) << bad;
+
+    // Sum of "0", "10C8", "04" and ETX: 0x173, sent as its low byte.
+    EXPECT_EQ(request("D100").frame, std::string("\x02" "010C804" "\x03" "73", 11));
 }
 
-TEST(FxCodec, DecodingPerDataType)
+TEST(FxCodec, DecodingPerDataTypeShortAnswersAndCompleteness)
 {
     struct Case {
         const char *data;
@@ -119,10 +116,7 @@ TEST(FxCodec, DecodingPerDataType)
     }
     for (uint32_t type : {8u, 9u, 13u, 14u, 15u, 0u, 99u})
         EXPECT_EQ(decode("12345678", type, true), "unkown type") << type;
-}
 
-TEST(FxCodec, ShortAnswersAndTheValueBound)
-{
     // One character short of what each type needs: a failure, never a read
     // past the answer (the answer buffer is exactly what arrived).
     EXPECT_EQ(decode("8", 1, false, 0, false), "<fail>");
@@ -137,10 +131,8 @@ TEST(FxCodec, ShortAnswersAndTheValueBound)
     const std::string big = decode("FFFF7F7F", 10, true);
     EXPECT_EQ(big.size(), NODE_VALUE_SIZE - 1);
     EXPECT_EQ(big.substr(0, 10), "3402823466");
-}
 
-TEST(FxCodec, AnswerCompleteness)
-{
+    // Complete: STX, ETX and the two sum characters.
     auto complete = [](const std::string &s) {
         return fx_answer_complete(reinterpret_cast<const uint8_t *>(s.data()), s.size());
     };
@@ -151,3 +143,4 @@ TEST(FxCodec, AnswerCompleteness)
     EXPECT_FALSE(complete("3412" "\x03" "C7"));
     EXPECT_FALSE(complete(""));
 }
+

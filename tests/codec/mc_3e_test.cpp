@@ -47,9 +47,17 @@ Checked check(const bytes &response, MC_bulk_read_msg &m)
     return c;
 }
 
+// The answer is refused, saying `reason` (or, with `said` false, not saying it).
+void expect_refused(const bytes &response, MC_bulk_read_msg &m, const char *reason, bool said = true)
+{
+    const Checked got = check(response, m);
+    EXPECT_EQ(got.result, -1) << reason;
+    EXPECT_EQ(got.err.find(reason) != std::string::npos, said) << reason << " in " << got.err;
+}
+
 } // namespace
 
-TEST(Mc3eRequest, BinaryFramesFromAddresses)
+TEST(Mc3eRequest, BinaryFramesFromAddressesAndPoints)
 {
     EXPECT_EQ(request_of(1, "D100"), (bytes{0x50, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00, 0x0C, 0x00,
                                            0x10, 0x00, 0x01, 0x04, 0x00, 0x00, 0x64, 0x00, 0x00,
@@ -59,13 +67,13 @@ TEST(Mc3eRequest, BinaryFramesFromAddresses)
                                           0x90, 0x01, 0x00}));
     EXPECT_EQ(request_of(0, "m20"), request_of(0, "M20"));
     EXPECT_EQ(request_of(0, "sm400"), request_of(0, "SM400"));
-    EXPECT_EQ(request_of(0, "SM400")[18], 0x91);
     const bytes zr = request_of(1, "ZR70000");
     ASSERT_EQ(zr.size(), MC_REQUEST_HEX_LEN);
     EXPECT_EQ(zr[18], 0xB0);
     EXPECT_EQ(bytes(zr.begin() + 15, zr.begin() + 18), (bytes{0x70, 0x11, 0x01}))
         << "head number in three bytes, low first";
 
+    EXPECT_EQ(request_of(0, "SM400")[18], 0x91);
     EXPECT_EQ(request_of(1, "T5")[18], 0xC2) << "a timer read as a word is its current value TN";
     EXPECT_EQ(request_of(0, "T5")[18], 0xC1) << "and as a bit its contact TS";
     EXPECT_EQ(request_of(1, "C5")[18], 0xC5);
@@ -81,6 +89,18 @@ TEST(Mc3eRequest, BinaryFramesFromAddresses)
     ASSERT_EQ(huge.size(), MC_REQUEST_HEX_LEN);
     EXPECT_EQ(bytes(huge.begin() + 15, huge.begin() + 18), (bytes{0xFF, 0xFF, 0xFF}))
         << "a number past int is held at its largest, not wrapped to another device";
+
+    MC_bulk_read_msg m;
+    ASSERT_EQ(build_MC_bulk_read_bit_msg_1(&m, "M0", 3), 0);
+    EXPECT_EQ(m.expect_response_hex_len, 4);
+    ASSERT_EQ(build_MC_bulk_read_bit_msg(&m, 0x90, 0, 4), 0);
+    EXPECT_EQ(m.expect_response_hex_len, 4);
+    ASSERT_EQ(build_MC_bulk_read_word_msg_1(&m, "D0", 3), 0);
+    EXPECT_EQ(m.expect_response_hex_len, 8);
+    uint8_t frame[MC_REQUEST_HEX_LEN];
+    ASSERT_EQ(output_hex_MC_bulk_read_msg(&m, frame, sizeof frame), 21);
+    EXPECT_EQ(frame[19], 3);
+    EXPECT_EQ(frame[20], 0);
 }
 
 TEST(Mc3eRequest, RefusedAddressesAndUnits)
@@ -102,21 +122,6 @@ TEST(Mc3eRequest, RefusedAddressesAndUnits)
     uint8_t small[MC_REQUEST_HEX_LEN - 1];
     ASSERT_EQ(build_MC_bulk_read_word_msg_2(&m, "D100"), 0);
     EXPECT_EQ(output_hex_MC_bulk_read_msg(&m, small, sizeof small), -1);
-}
-
-TEST(Mc3eRequest, PointsAndExpectedLengths)
-{
-    MC_bulk_read_msg m;
-    ASSERT_EQ(build_MC_bulk_read_bit_msg_1(&m, "M0", 3), 0);
-    EXPECT_EQ(m.expect_response_hex_len, 4);
-    ASSERT_EQ(build_MC_bulk_read_bit_msg(&m, 0x90, 0, 4), 0);
-    EXPECT_EQ(m.expect_response_hex_len, 4);
-    ASSERT_EQ(build_MC_bulk_read_word_msg_1(&m, "D0", 3), 0);
-    EXPECT_EQ(m.expect_response_hex_len, 8);
-    uint8_t frame[MC_REQUEST_HEX_LEN];
-    ASSERT_EQ(output_hex_MC_bulk_read_msg(&m, frame, sizeof frame), 21);
-    EXPECT_EQ(frame[19], 3);
-    EXPECT_EQ(frame[20], 0);
 }
 
 TEST(Mc3eRequest, AsciiFrame)
@@ -152,7 +157,7 @@ TEST(Mc3eRequest, AsciiFrame)
                    "50 00 00 ff ff 03 00 0c 00 10 \n00 01 04 01 00 14 00 00 90 01 \n00 \n");
 }
 
-TEST(Mc3eResponse, WellFormedAnswers)
+TEST(Mc3eResponse, WellFormedAnswersAndHexDigits)
 {
     MC_bulk_read_msg m;
     ASSERT_EQ(build_MC_bulk_read_word_msg_2(&m, "D100"), 0);
@@ -180,9 +185,23 @@ TEST(Mc3eResponse, WellFormedAnswers)
     bit[11] = 0x01;
     ASSERT_EQ(check(bit, m).result, 0);
     EXPECT_EQ(get_bit_soft_component_value(&m), '0') << "the low nibble is the second point";
+
+    const uint8_t in[] = {0x1F, 0xA0};
+    char four[5] = "....";
+    BCD_to_ascii(in, 2, four, 4);
+    EXPECT_STREQ(four, "1fa0");
+    char three[5] = "....";
+    BCD_to_ascii(in, 2, three, 3);
+    EXPECT_STREQ(three, "1fa.") << "what does not fit is dropped";
+    char one = '.';
+    BCD_to_ascii(in, 2, &one, 1);
+    EXPECT_EQ(one, '1');
+
+    EXPECT_EQ(MC_response_claimed_size(d100_answer.data(), 8), 0u);
+    EXPECT_EQ(MC_response_claimed_size(d100_answer.data(), 9), 13u);
 }
 
-TEST(Mc3eResponse, HeaderMismatchesAndShortAnswers)
+TEST(Mc3eResponse, HeaderMismatchesShortAndErrorAnswers)
 {
     MC_bulk_read_msg m;
     ASSERT_EQ(build_MC_bulk_read_word_msg_2(&m, "D100"), 0);
@@ -201,9 +220,7 @@ TEST(Mc3eResponse, HeaderMismatchesAndShortAnswers)
         r[c.at] = c.value;
         if (c.at == 7)
             r.insert(r.end(), {0x00, 0x00}); // a whole answer, of another length
-        const Checked got = check(r, m);
-        EXPECT_EQ(got.result, -1) << c.reason;
-        EXPECT_NE(got.err.find(c.reason), std::string::npos) << got.err;
+        expect_refused(r, m, c.reason);
     }
 
     for (size_t n = 0; n < d100_answer.size(); ++n) {
@@ -216,18 +233,13 @@ TEST(Mc3eResponse, HeaderMismatchesAndShortAnswers)
     ASSERT_EQ(build_MC_bulk_read_word_msg(&m, 0xA8, 0, 0xFFFF), 0);
     const bytes no_data = {0xD0, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00, 0x00, 0x00, 0x00, 0x00};
     EXPECT_EQ(check(no_data, m).result, -1);
-}
 
-TEST(Mc3eResponse, ErrorAnswers)
-{
-    MC_bulk_read_msg m;
+    // Error answers: the end code, and the echoed request checked.
     ASSERT_EQ(build_MC_bulk_read_word_msg_2(&m, "D100"), 0);
     const bytes echo = {0xD0, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00, 0x0B, 0x00, 0x59, 0xC0,
                         0x00, 0xFF, 0xFF, 0x03, 0x00, 0x01, 0x04, 0x00, 0x00};
-    Checked got = check(echo, m);
-    EXPECT_EQ(got.result, -1);
-    EXPECT_NE(got.err.find("exception : respond code = 0xc059\n"), std::string::npos) << got.err;
-    EXPECT_EQ(got.err.find("exception,"), std::string::npos) << "the echoed request matches";
+    expect_refused(echo, m, "exception : respond code = 0xc059\n");
+    expect_refused(echo, m, "exception,", false); // the echoed request matches
 
     const struct {
         size_t at;
@@ -238,35 +250,13 @@ TEST(Mc3eResponse, ErrorAnswers)
     for (const auto &c : mismatches) {
         bytes r = echo;
         r[c.at] ^= 0x01;
-        got = check(r, m);
-        EXPECT_EQ(got.result, -1);
-        EXPECT_NE(got.err.find(c.reason), std::string::npos) << c.reason << got.err;
+        expect_refused(r, m, c.reason);
     }
 
     const bytes short_error = {0xD0, 0x00, 0x00, 0xFF, 0xFF, 0x03, 0x00, 0x02, 0x00, 0x51, 0xC0};
-    got = check(short_error, m);
-    EXPECT_EQ(got.result, -1);
-    EXPECT_NE(got.err.find("respond_hex_len != expect_exception_hex_len\n"), std::string::npos);
+    expect_refused(short_error, m, "respond_hex_len != expect_exception_hex_len\n");
     bytes cut = echo;
     cut.pop_back();
-    got = check(cut, m);
-    EXPECT_EQ(got.result, -1);
-    EXPECT_EQ(got.err.find("exception,"), std::string::npos) << "nothing is read past the answer";
+    expect_refused(cut, m, "exception,", false); // nothing is read past the answer
 }
 
-TEST(Mc3eValues, HexDigitsOfBytes)
-{
-    const uint8_t in[] = {0x1F, 0xA0};
-    char out[5] = "....";
-    BCD_to_ascii(in, 2, out, 4);
-    EXPECT_STREQ(out, "1fa0");
-    char three[5] = "....";
-    BCD_to_ascii(in, 2, three, 3);
-    EXPECT_STREQ(three, "1fa.") << "what does not fit is dropped";
-    char one = '.';
-    BCD_to_ascii(in, 2, &one, 1);
-    EXPECT_EQ(one, '1');
-
-    EXPECT_EQ(MC_response_claimed_size(d100_answer.data(), 8), 0u);
-    EXPECT_EQ(MC_response_claimed_size(d100_answer.data(), 9), 13u);
-}

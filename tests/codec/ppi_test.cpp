@@ -54,10 +54,10 @@ std::string decode(const bytes &a, int item, uint32_t type, int *rc = nullptr)
 
 } // namespace
 
-TEST(PpiRequest, VW100AtStation2AndShortFramesByteExact)
+TEST(PpiRequest, FramesByteExactAreaTransportAndBitAddress)
 {
-    const Built b = build("VW100", 4);
-    ASSERT_EQ(b.rc, 0);
+    const Built vw100 = build("VW100", 4);
+    ASSERT_EQ(vw100.rc, 0);
     const bytes expected = {0x68, 0x1B, 0x1B, 0x68, 0x02, 0x00, 0x6C, 0x32, 0x01, 0x00, 0x00,
                             0x00, 0x00, 0x00, 0x0E, 0x00, 0x00, 0x04, 0x01, 0x12, 0x0A, 0x10,
                             0x04,             // 22: transport size, word
@@ -66,8 +66,8 @@ TEST(PpiRequest, VW100AtStation2AndShortFramesByteExact)
                             0x00, 0x03, 0x20, // 28-30: bit address 800
                             0x8D,             // 31: sum of 4..30
                             0x16};
-    EXPECT_EQ(b.frame, expected);
-    EXPECT_EQ(b.item, PPI_ITEM_V_WORD);
+    EXPECT_EQ(vw100.frame, expected);
+    EXPECT_EQ(vw100.item, PPI_ITEM_V_WORD);
     // The station goes to offset 4 and into the sum.
     const Built s5 = build("VW100", 4, 5);
     EXPECT_EQ(s5.frame[4], 5);
@@ -75,10 +75,7 @@ TEST(PpiRequest, VW100AtStation2AndShortFramesByteExact)
     // The two fixed short frames.
     EXPECT_EQ(bytes(PPI_confirm, PPI_confirm + 6), (bytes{0x10, 0x02, 0x00, 0x5C, 0x5E, 0x16}));
     EXPECT_EQ(bytes(PPI_hello, PPI_hello + 6), (bytes{0x10, 0x02, 0x00, 0x49, 0x4B, 0x16}));
-}
 
-TEST(PpiRequest, AreaTransportAndBitAddress)
-{
     struct Case {
         const char *addr;
         uint32_t type;
@@ -118,33 +115,19 @@ TEST(PpiRequest, AreaTransportAndBitAddress)
 
 TEST(PpiRequest, RefusedAddresses)
 {
-    struct Case {
-        const char *addr;
-        uint32_t type;
-    };
-    const Case cases[] = {
-        {"V10.8", 1},   // bit digit above 7
-        {"V10.x", 1},
-        {"V10240", 2},  // past variable memory
-        {"I1.2", 5},    // inputs only as unsigned types
-        {"IW16", 4},
-        {"Q0.0", 3},
-        {"M32", 2},
-        {"S32", 2},
-        {"SM550", 2},
-        {"C256", 4},
-        {"SB10", 2},    // s followed by neither digit nor m
-        {"X0", 2},
-        {"", 2},
-        {"VW100", 8},   // BCD16 is not a V access size
-        {"VW100", 11},
-        {"VW100", 0},
+    const std::pair<const char *, uint32_t> cases[] = {
+        {"V10.8", 1}, {"V10.x", 1}, // bit digit above 7, or none
+        {"V10240", 2},              // past variable memory
+        {"I1.2", 5},                // inputs only as unsigned types
+        {"IW16", 4},  {"Q0.0", 3},  {"M32", 2},   {"S32", 2},    {"SM550", 2},
+        {"C256", 4},  {"SB10", 2},  {"X0", 2},    {"", 2},       // SB: s followed by neither digit nor m
+        {"VW100", 8}, {"VW100", 11}, {"VW100", 0}, // BCD16 and others are no V access size
         {"V99999999999999", 2},
     };
-    for (const auto &c : cases) {
-        const Built b = build(c.addr, c.type);
-        EXPECT_EQ(b.rc, -1) << c.addr << " type " << c.type;
-        EXPECT_EQ(b.item, PPI_ITEM_NONE) << c.addr;
+    for (const auto &[addr, type] : cases) {
+        const Built b = build(addr, type);
+        EXPECT_EQ(b.rc, -1) << addr << " type " << type;
+        EXPECT_EQ(b.item, PPI_ITEM_NONE) << addr;
     }
     int item = -1;
     uint8_t frame[PPI_REQUEST_LEN];
@@ -155,7 +138,7 @@ TEST(PpiRequest, RefusedAddresses)
     EXPECT_EQ(bit_address(longer.frame), 80u);
 }
 
-TEST(PpiDecode, ValuesPerType)
+TEST(PpiDecode, ValuesPerTypeAndShortAnswers)
 {
     const bytes a = answer_with({0x81, 0x02, 0x03, 0x04});
     struct Case {
@@ -190,10 +173,7 @@ TEST(PpiDecode, ValuesPerType)
     // The largest float does not fit: the text is cut, never overrun.
     const std::string big = decode(answer_with({0x7F, 0x7F, 0xFF, 0xFF}), PPI_ITEM_V_DWORD, 10);
     EXPECT_EQ(big.size(), 31u);
-}
 
-TEST(PpiDecode, ShortAnswersFail)
-{
     const bytes full = answer_with({0x81, 0x02, 0x03, 0x04});
     const std::pair<uint32_t, size_t> needs[] = {{1, 26}, {2, 26}, {4, 27}, {5, 27}, {11, 27},
                                                  {6, 29}, {7, 29}, {10, 29}, {12, 29}};
@@ -214,3 +194,4 @@ TEST(PpiDecode, ShortAnswersFail)
     EXPECT_EQ(decode({}, PPI_ITEM_T, 9, &rc), "unkown type");
     EXPECT_EQ(rc, 0);
 }
+

@@ -6,7 +6,7 @@
 #include "codec/s7_address.h"
 #include "device/plc/plc_node.h"
 
-TEST(S7Address, AreasNumbersAndDialects)
+TEST(S7Address, AreasNumbersDialectsAndDecoding)
 {
     auto p = [](const char *t, s7_dialect d = s7_dialect::s7_1200) { return s7_parse_address(t, d); };
     EXPECT_EQ(p("Q0.0").area, s7_area::outputs);
@@ -34,10 +34,8 @@ TEST(S7Address, AreasNumbersAndDialects)
     EXPECT_EQ(p("x").area, s7_area::unknown);
     // Only 15 characters count: the 16th digit is cut off.
     EXPECT_EQ(p("M00000000000001234").start, 1u) << "M + 14 digits";
-}
 
-TEST(S7Address, DecodingPerAreaAndType)
-{
+    // Values decoded per area and type.
     char v[NODE_VALUE_SIZE];
     const uint8_t w[] = {0x12, 0x34, 0x56, 0x78};
     ASSERT_TRUE(s7_decode(s7_area::merkers, 4, 0, w, 2, v, sizeof v));
@@ -65,3 +63,4 @@ TEST(S7Address, DecodingPerAreaAndType)
         EXPECT_EQ(s7_read_size(s7_area::db, t), 0u) << t;
     EXPECT_FALSE(s7_decode(s7_area::db, 4, 0, w, 1, v, sizeof v)) << "too few bytes";
 }
+
