@@ -12,7 +12,7 @@ namespace {
 const std::regex stamped(R"(^\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\.\d{6} (.) (.*)\n$)");
 }
 
-TEST(Log, WarningGoesToStderrAndAgainToStdoutWithStampAndLetter)
+TEST(Log, LevelsAreRoutedByExactFlagsWarningsStampedToBothStreams)
 {
     log_init();
     auto c = capture_output([] { g_warning("disk %d low\n", 3); });
@@ -22,12 +22,8 @@ TEST(Log, WarningGoesToStderrAndAgainToStdoutWithStampAndLetter)
     EXPECT_EQ(m[2], "disk 3 low");
     ASSERT_TRUE(std::regex_match(c.out, m, stamped)) << c.out;
     EXPECT_EQ(m[1], "W");
-}
 
-TEST(Log, LevelsAreRoutedByExactFlags)
-{
-    log_init();
-    auto c = capture_output([] {
+    c = capture_output([] {
         g_critical("crit\n");
         g_message("msg\n");
         g_info("info line\n");
@@ -45,7 +41,7 @@ TEST(Log, LevelsAreRoutedByExactFlags)
     EXPECT_EQ(c.err.find("msg"), std::string::npos) << "message level stays off stderr";
 }
 
-TEST(Log, PrintBufBreaksEveryTenBytesPayloadEndsWithOneNewline)
+TEST(Log, DiagnosticFormats)
 {
     const uint8_t bytes[11] = {0x02, 0x30, 0x31, 0x30, 0x43, 0x38, 0x30, 0x34, 0x03, 0xab, 0x0f};
     EXPECT_EQ(capture_output([&] { print_buf(bytes, 10); }).out,
@@ -53,22 +49,15 @@ TEST(Log, PrintBufBreaksEveryTenBytesPayloadEndsWithOneNewline)
     EXPECT_EQ(capture_output([&] { print_buf(bytes, 11); }).out,
               "02H 30H 31H 30H 43H 38H 30H 34H 03H ABH \n0FH \n");
     EXPECT_EQ(capture_output([&] { print_buf(bytes, 0); }).out, "");
-    EXPECT_EQ(capture_output([&] { print_buf(bytes, 3); }).out, "02H 30H 31H \n");
-    // print_payload ends with one newline.
     const uint8_t text[] = {'A', 'B', 'C'};
     EXPECT_EQ(capture_output([&] { print_payload(text, 3); }).out, "ABC\n");
     EXPECT_EQ(capture_output([&] { print_payload(text, 0); }).out, "\n");
-}
 
-TEST(Log, LevelLettersAndMillisecondsUnpadded)
-{
-    EXPECT_EQ(convert_logLevel_to_char(8), 'C');
-    EXPECT_EQ(convert_logLevel_to_char(16), 'W');
-    EXPECT_EQ(convert_logLevel_to_char(32), 'M');
-    EXPECT_EQ(convert_logLevel_to_char(64), 'I');
-    EXPECT_EQ(convert_logLevel_to_char(128), 'D');
-    EXPECT_EQ(convert_logLevel_to_char(6), 'E');
-    EXPECT_EQ(convert_logLevel_to_char(16 | 1), 'E');
+    // Level letters, and milliseconds unpadded.
+    std::string letters;
+    for (int level : {8, 16, 32, 64, 128, 6, 16 | 1})
+        letters += convert_logLevel_to_char(level);
+    EXPECT_EQ(letters, "CWMIDEE") << "one letter per single level, E for anything else";
     char buf[64] = "11/22/26 15:46:03";
     append_msec(buf, sizeof buf, 5);
     EXPECT_STREQ(buf, "11/22/26 15:46:03.5");
@@ -76,3 +65,4 @@ TEST(Log, LevelLettersAndMillisecondsUnpadded)
     EXPECT_TRUE(std::regex_match(now, std::regex(R"(\d\d/\d\d/\d\d \d\d:\d\d:\d\d\.\d{1,3})")))
         << now;
 }
+

@@ -29,7 +29,7 @@ protected:
     StandInSystemService standin_;
 };
 
-TEST_F(IpcSystem, ScanIntervalRoundTripAndLogLines)
+TEST_F(IpcSystem, ScanIntervalRoundTripLogLinesAndResponseCode)
 {
     standin_.set_scan_interval(9);
     uint32_t interval = 0;
@@ -42,14 +42,11 @@ TEST_F(IpcSystem, ScanIntervalRoundTripAndLogLines)
 
     EXPECT_EQ(ipc_system_set_scan_interval(4), 0);
     EXPECT_EQ(standin_.last_params("setScanInterval"), "(4,)");
-}
 
-TEST_F(IpcSystem, ResponseIsPassedThroughAndOutsNotLoggedOnFailure)
-{
+    // A failing response code is passed through and the outs are not logged.
     standin_.set_response(3);
     uint32_t hb = 0;
-    int r = 0;
-    auto c = capture_output([&] { r = ipc_system_get_plen_heartbeat(&hb); });
+    c = capture_output([&] { r = ipc_system_get_plen_heartbeat(&hb); });
     EXPECT_EQ(r, 3);
     EXPECT_EQ(c.out.find("heartbeat = "), std::string::npos);
     EXPECT_EQ(ipc_system_delete_device(12), 3);
@@ -62,11 +59,9 @@ TEST_F(IpcSystem, EveryWrapperReachesItsMethod)
     EXPECT_EQ(ipc_system_register_info_req(&reg), 0);
     EXPECT_EQ(reg.dev_gateway_type, 7u);
     EXPECT_STREQ(reg.dev_modem_mac, "dev_modem_mac");
-    g_free(reg.dev_gateway_id);
-    g_free(reg.dev_gateway_hw_ver);
-    g_free(reg.dev_gateway_sf_ver);
-    g_free(reg.dev_modem_imei);
-    g_free(reg.dev_modem_mac);
+    for (gchar *s : {reg.dev_gateway_id, reg.dev_gateway_hw_ver, reg.dev_gateway_sf_ver,
+                     reg.dev_modem_imei, reg.dev_modem_mac})
+        g_free(s);
 
     ipc_register_info_resp resp{"gw", "desc", "pw"};
     EXPECT_EQ(ipc_system_register_info_resp(&resp), 0);
@@ -85,11 +80,10 @@ TEST_F(IpcSystem, EveryWrapperReachesItsMethod)
     ipc_lan_settings lan{"192.0.2.1", "255.255.255.0", "192.0.2.254"};
     EXPECT_EQ(ipc_system_lan_settings_req(&lan), 0);
 
-    GVariant *topics = g_variant_ref_sink(g_variant_new_parsed("[('t', 'd', uint32 1)]"));
+    g_autoptr(GVariant) topics = g_variant_ref_sink(g_variant_new_parsed("[('t', 'd', uint32 1)]"));
     ipc_cloud_settings cloud{3, "mqtt://x", "u", "p", topics};
     EXPECT_EQ(ipc_system_save_bussiness_cloud(&cloud), 0);
     EXPECT_EQ(standin_.last_params("setCloudInfo"), "(3, 'mqtt://x', 'u', 'p', [('t', 'd', 1)])");
-    g_variant_unref(topics);
 
     EXPECT_EQ(ipc_system_gateway_restart_req(), 0);
     EXPECT_EQ(ipc_system_gateway_reset_req(), 0);
@@ -102,21 +96,16 @@ TEST_F(IpcSystem, EveryWrapperReachesItsMethod)
     EXPECT_EQ(ipc_system_destroy_gateway_req(), 0);
     EXPECT_EQ(ipc_system_set_plen_heartbeat(30), 0);
 
-    gchar *ip = nullptr;
+    g_autofree gchar *ip = nullptr;
     uint32_t port = 0;
     EXPECT_EQ(ipc_system_get_server_info(&ip, &port), 0);
     EXPECT_STREQ(ip, "server_ip");
     EXPECT_EQ(port, 7u);
-    g_free(ip);
 
-    gchar *id = nullptr, *name = nullptr, *type = nullptr;
+    g_autofree gchar *id = nullptr, *name = nullptr, *type = nullptr, *own_id = nullptr;
     EXPECT_EQ(ipc_system_req_gateway_info(&id, &name, &type), 0);
     EXPECT_STREQ(type, "dev_gateway_type");
-    g_free(id);
-    g_free(name);
-    g_free(type);
-    EXPECT_EQ(ipc_system_get_gateway_id(&id), 0);
-    g_free(id);
+    EXPECT_EQ(ipc_system_get_gateway_id(&own_id), 0);
 
     for (const char *m : {"reqRegisterInfo", "systemReboot", "systemCfgReset", "destroyGateway",
                           "fernwick_registering", "fernwick_registered", "getServerInfo",
@@ -128,8 +117,8 @@ TEST_F(IpcSystem, EveryWrapperReachesItsMethod)
 TEST_F(IpcSystem, CloudTopicsLogWithIndexZero)
 {
     uint32_t type = 0;
-    gchar *url = nullptr, *user = nullptr, *pass = nullptr;
-    GVariant *topics = nullptr;
+    g_autofree gchar *url = nullptr, *user = nullptr, *pass = nullptr;
+    g_autoptr(GVariant) topics = nullptr;
     standin_.set_reply("getCloudInfo",
                        g_variant_new_parsed("(uint32 3, 'u', 'n', 'secret', [('t1', 'press', "
                                             "uint32 5), ('t2', 'oven', 6)], 0)"));
@@ -141,36 +130,15 @@ TEST_F(IpcSystem, CloudTopicsLogWithIndexZero)
                          "plen_topic[0] = t2\ndev_pcl_name[0] = oven\ndev_plc_id[0] = 6\n"),
               std::string::npos)
         << c.out;
-    g_free(url);
-    g_free(user);
-    g_free(pass);
-    g_variant_unref(topics);
 }
 
-TEST_F(IpcSystem, FailedCallsAndMissingProxyGiveMinusOne)
+TEST_F(IpcSystem, FailedCallsMissingProxyAndArgumentsGiveMinusOne)
 {
-    standin_.set_fail_calls(true);
-    uint32_t v = 5;
-    int r = 0;
-    auto c = capture_output([&] { r = ipc_system_get_scan_interval(&v); });
-    EXPECT_EQ(r, -1);
-    EXPECT_NE(c.err.find(" W ipc_system_get_scan_interval:"), std::string::npos) << c.err;
-    EXPECT_NE(c.err.find(" FALSE : GDBus.Error:org.freedesktop.DBus.Error.Failed: stand-in told to fail\n"), std::string::npos) << c.err;
-    EXPECT_EQ(ipc_system_fernwick_registered(), -1);
-
-    destroy_systemService_proxy();
-    c = capture_output([&] { r = ipc_system_set_scan_interval(3); });
-    EXPECT_EQ(r, -1);
-    EXPECT_NE(c.err.find(" systemService_proxy = NULL\n"), std::string::npos) << c.err;
-    EXPECT_EQ(standin_.calls("setScanInterval"), 0);
-}
-
-TEST_F(IpcSystem, MissingArgumentsFailBeforeAnyCall)
-{
+    // Missing arguments fail before any call.
     gchar *text = nullptr;
     uint32_t number = 0;
     GVariant *topics = nullptr;
-    GVariant *wrong = g_variant_ref_sink(g_variant_new_parsed("[('t', 'd')]"));
+    g_autoptr(GVariant) wrong = g_variant_ref_sink(g_variant_new_parsed("[('t', 'd')]"));
     ipc_cloud_settings no_topics{3, "mqtt://x", "u", "p", nullptr};
     ipc_cloud_settings wrong_topics{3, "mqtt://x", "u", "p", wrong};
     ipc_cloud_settings no_url{3, nullptr, "u", "p", wrong};
@@ -201,18 +169,31 @@ TEST_F(IpcSystem, MissingArgumentsFailBeforeAnyCall)
         EXPECT_EQ(r, -1) << "call " << i;
         EXPECT_NE(c.err.find(" invalid argument\n"), std::string::npos) << "call " << i << c.err;
     }
-    g_variant_unref(wrong);
     for (const char *m : {"setCloudInfo", "setLanInfo", "respRegisterInfo", "reqRegisterInfo",
                           "reqSystemInfo", "getServerInfo", "reqGatewayInfo", "getCloudInfo",
                           "getScanInterval", "getGatewayID", "getPlenHeartbeat"})
         EXPECT_EQ(standin_.calls(m), 0) << m;
-}
 
-TEST_F(IpcSystem, VanishedServiceIsAFailureNotASuccess)
-{
+    standin_.set_fail_calls(true);
+    uint32_t v = 5;
+    int r = 0;
+    auto c = capture_output([&] { r = ipc_system_get_scan_interval(&v); });
+    EXPECT_EQ(r, -1);
+    EXPECT_NE(c.err.find(" W ipc_system_get_scan_interval:"), std::string::npos) << c.err;
+    EXPECT_NE(c.err.find(" FALSE : GDBus.Error:org.freedesktop.DBus.Error.Failed: stand-in told to fail\n"), std::string::npos) << c.err;
+    EXPECT_EQ(ipc_system_fernwick_registered(), -1);
+
+    destroy_systemService_proxy();
+    c = capture_output([&] { r = ipc_system_set_scan_interval(3); });
+    EXPECT_EQ(r, -1);
+    EXPECT_NE(c.err.find(" systemService_proxy = NULL\n"), std::string::npos) << c.err;
+    EXPECT_EQ(standin_.calls("setScanInterval"), 0);
+
+    // A service that vanished is a failure, not a success.
+    create_systemService_proxy();
     standin_.stop();
     ASSERT_TRUE(bus_.wait_for_name_gone("com.fernwick.SystemService"));
-    uint32_t v = 0;
     EXPECT_EQ(ipc_system_get_scan_interval(&v), -1);
     EXPECT_EQ(ipc_system_fernwick_registering(), -1);
 }
+

@@ -1,6 +1,8 @@
 // Records, the node table list and the driver registry, in process.
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "device/registry/driver.h"
 #include "device/driver/driver_modules.h"
 #include "device/plc/plc_ethernet.h"
@@ -23,24 +25,24 @@ node *make_node(uint32_t node_id, uint32_t dev_id = 1)
 TEST(Records, CopiesCarryNeitherDriverNorValueAndShowFormats)
 {
     init_driver();
-    serial_device *s = serial_device_create(7, "line", 0, 1, 102, 1, 2, 3, 9600, 8, 1, 0);
-    s->driver = device_driver_match(s);
+    std::unique_ptr<serial_device> s(serial_device_create(7, "line", 0, 1, 102, 1, 2, 3, 9600, 8, 1, 0));
+    s->driver = device_driver_match(s.get());
     ASSERT_NE(s->driver, nullptr);
-    serial_device *sc = serial_device_copy(s);
+    std::unique_ptr<serial_device> sc(serial_device_copy(s.get()));
     EXPECT_EQ(sc->driver, nullptr);
     EXPECT_EQ(sc->dev_name, "line");
     EXPECT_EQ(sc->parity_bit, 0u);
     EXPECT_EQ(sc->baudrate, 9600u);
 
-    ethernet_device *e = ethernet_device_create(8, "cell", 1, 2, 3, "127.0.0.1", 102, 0, 1);
-    e->driver = device_driver_match(e);
-    ethernet_device *ec = ethernet_device_copy(e);
+    std::unique_ptr<ethernet_device> e(ethernet_device_create(8, "cell", 1, 2, 3, "127.0.0.1", 102, 0, 1));
+    e->driver = device_driver_match(e.get());
+    std::unique_ptr<ethernet_device> ec(ethernet_device_copy(e.get()));
     EXPECT_EQ(ec->driver, nullptr);
     EXPECT_EQ(ec->ip_addr, "127.0.0.1");
 
-    node *n = make_node(1);
+    std::unique_ptr<node> n(make_node(1));
     n->rare = node_rare_texts("rpm", "", "shaft");
-    node *nc = node_copy(n);
+    std::unique_ptr<node> nc(node_copy(n.get()));
     EXPECT_STREQ(nc->rare.unit(), "rpm");
     EXPECT_STREQ(nc->rare.alarm_content(), "");
     EXPECT_STREQ(nc->rare.description(), "shaft");
@@ -48,21 +50,15 @@ TEST(Records, CopiesCarryNeitherDriverNorValueAndShowFormats)
     EXPECT_EQ(nc->node_addr, "D100");
 
     // What the records print.
-    auto c = capture_output([&] { node_show(n); });
+    auto c = capture_output([&] { node_show(n.get()); });
     EXPECT_EQ(c.out.rfind("\t " + std::string(80, '=') + "\n", 0), 0u);
     EXPECT_NE(c.out.find("\t node_ame: n\n"), std::string::npos);
     EXPECT_NE(c.out.find("\t node_alarm_value_major: -5\n"), std::string::npos);
-    EXPECT_EQ(capture_output([&] { ethernet_device_show(e); }).out,
+    EXPECT_EQ(capture_output([&] { ethernet_device_show(e.get()); }).out,
               "\t dev_id: 8\n\t dev_name: cell\n\t dev_comm_type: 1\n\t dev_mfg: 2\n\t dev_type: "
               "3\n\t ip_addr: 127.0.0.1\n\t port: 102\n\t rack: 0\n\t slot: 1\n");
     EXPECT_EQ(capture_output([] { serial_device_show(nullptr); }).out, "");
 
-    serial_device_free(s);
-    serial_device_free(sc);
-    ethernet_device_free(e);
-    ethernet_device_free(ec);
-    node_free(n);
-    node_free(nc);
     serial_device_free(nullptr);
     node_free(nullptr);
     const auto text = [](void (*convert)(uint32_t, char *, size_t), uint32_t code) {

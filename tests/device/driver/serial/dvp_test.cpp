@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-
 #include "support/serial_driver_test.h"
 #include "sim/dvp_sim.h"
 

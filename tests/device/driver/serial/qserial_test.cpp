@@ -81,7 +81,6 @@ TEST_F(QSerialDriver, ReadsWordsUnsignedAndBitsRefusingOtherTypes)
     EXPECT_EQ(plc_.reads(), 5u);
 }
 
-
 TEST_F(QSerialDriver, FaultsFailTheReadAndTheNextOneRecovers)
 {
     plc_.set_word("D100", 42);

