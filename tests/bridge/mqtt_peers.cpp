@@ -1,7 +1,6 @@
 #include "mqtt_peers.h"
 
 #include <arpa/inet.h>
-#include <mosquitto.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
@@ -18,71 +17,26 @@ using dstest::wait_until;
 
 namespace {
 
-uint16_t free_port()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    uint16_t port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    close(fd);
-    return port;
-}
-
-bool accepts(uint16_t port)
+// A loopback TCP socket bound to a free port (port 0), whose number it
+// returns, or connected to `port`, returning it when something accepted.
+uint16_t loopback(uint16_t port)
 {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = htons(port);
-    const bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
+    socklen_t len = sizeof a;
+    const bool ok = port == 0 ? bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+                                    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0
+                              : connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
     close(fd);
-    return ok;
-}
-
-void library_once()
-{
-    struct Library {
-        Library() { mosquitto_lib_init(); }
-        ~Library() { mosquitto_lib_cleanup(); }
-    };
-    static Library library;
+    return ok ? ntohs(a.sin_port) : 0;
 }
 
 } // namespace
 
 Broker::Broker(Kind kind) : kind_(kind) {}
-
-bool Broker::make_certificates()
-{
-    const std::string d = dir_.path() + "/";
-    const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"};
-    auto run = [&](const std::vector<std::string> &args) {
-        std::vector<std::string> all = {"/usr/bin/openssl"};
-        for (const auto &a : args)
-            all.push_back(a);
-        Child c(all, dir_.path(), "openssl");
-        return c.wait_exit() == 0;
-    };
-    auto request = [&](const std::string &who, const std::string &cn) {
-        std::vector<std::string> a = {"req"};
-        a.insert(a.end(), ec.begin(), ec.end());
-        a.insert(a.end(), {"-keyout", d + who + ".key", "-out", d + who + ".csr", "-subj", "/CN=" + cn});
-        return run(a) && run({"x509", "-req", "-in", d + who + ".csr", "-CA", d + "ca.crt", "-CAkey",
-                              d + "ca.key", "-CAcreateserial", "-days", "1", "-out", d + who + ".crt",
-                              "-extfile", d + "ext.cnf"});
-    };
-    dstest::write_file(d + "ext.cnf", "subjectAltName=IP:127.0.0.1\n");
-    std::vector<std::string> ca = {"req", "-x509"};
-    ca.insert(ca.end(), ec.begin(), ec.end());
-    ca.insert(ca.end(), {"-keyout", d + "ca.key", "-out", d + "ca.crt", "-days", "1", "-subj", "/CN=test CA"});
-    return run(ca) && request("server", "127.0.0.1") && request("client", "bridge");
-}
 
 Broker::~Broker()
 {
@@ -93,8 +47,17 @@ bool Broker::start()
 {
     // A free port may be taken by someone else before mosquitto binds it:
     // then another one, unless the port must stay the same.
-    if (kind_ == Tls && starts_ == 0 && !make_certificates())
-        return false;
+    // One self-signed certificate serves as the CA, the broker's and the
+    // client's: the broker asks for a client certificate signed by its CA.
+    if (kind_ == Tls && starts_ == 0) {
+        Child openssl({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                       "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", file("key.pem"), "-out",
+                       file("cert.pem"), "-days", "1", "-subj", "/CN=127.0.0.1", "-addext",
+                       "subjectAltName=IP:127.0.0.1"},
+                      dir_.path(), "openssl");
+        if (openssl.wait_exit() != 0)
+            return false;
+    }
     if (kind_ == Password && starts_ == 0) {
         dstest::write_file(file("passwords"), "");
         Child passwd({"/usr/bin/mosquitto_passwd", "-b", file("passwords"), "bridge", "s3cret"}, dir_.path(),
@@ -104,14 +67,14 @@ bool Broker::start()
     }
     for (int attempt = 0; attempt < 5; ++attempt) {
         if (starts_ == 0)
-            port_ = free_port();
+            port_ = loopback(0);
         const std::string conf = dir_.file("mosquitto.conf");
         // As root, mosquitto would change to its own user and could not read
         // the certificates in our private directory.
         const passwd *me = getpwuid(getuid());
         std::string text = "user " + std::string(me != nullptr ? me->pw_name : "root") + "\n" +
                            "listener " + std::to_string(port_) + " 127.0.0.1\n" +
-                           "allow_anonymous " + (kind_ == Closed || kind_ == Password ? "false" : "true") + "\n" +
+                           "allow_anonymous " + (kind_ == Password ? "false" : "true") + "\n" +
                            "persistence false\n"
                            // QoS 0 messages beyond 1,000 waiting for a subscriber are
                            // otherwise dropped: a replay brings thousands at once.
@@ -119,12 +82,12 @@ bool Broker::start()
         if (kind_ == Password)
             text += "password_file " + file("passwords") + "\n";
         if (kind_ == Tls)
-            text += "cafile " + file("ca.crt") + "\ncertfile " + file("server.crt") + "\nkeyfile " +
-                    file("server.key") + "\nrequire_certificate true\n";
+            text += "cafile " + file("cert.pem") + "\ncertfile " + file("cert.pem") + "\nkeyfile " +
+                    file("key.pem") + "\nrequire_certificate true\n";
         dstest::write_file(conf, text);
         proc_ = std::make_unique<Child>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", conf},
                                         dir_.path(), "mosquitto" + std::to_string(starts_));
-        if (wait_until([&] { return accepts(port_) || !proc_->running(); }, 5s) && proc_->running()) {
+        if (wait_until([&] { return loopback(port_) != 0 || !proc_->running(); }, 5s) && proc_->running()) {
             ++starts_;
             return true;
         }
@@ -144,93 +107,9 @@ void Broker::stop()
     }
 }
 
-Subscriber::Subscriber(uint16_t port, std::string filter) : filter_(std::move(filter))
-{
-    library_once();
-    mosq_ = mosquitto_new(nullptr, true, this);
-    mosquitto_connect_callback_set(mosq_, &Subscriber::on_connect);
-    mosquitto_subscribe_callback_set(mosq_, &Subscriber::on_subscribe);
-    mosquitto_message_callback_set(mosq_, &Subscriber::on_message);
-    mosquitto_connect(mosq_, "127.0.0.1", port, 30);
-    mosquitto_loop_start(mosq_);
-}
-
-Subscriber::~Subscriber()
-{
-    mosquitto_disconnect(mosq_);
-    mosquitto_loop_stop(mosq_, true);
-    mosquitto_destroy(mosq_);
-}
-
-void Subscriber::on_connect(mosquitto *m, void *self, int rc)
-{
-    if (rc == 0)
-        mosquitto_subscribe(m, nullptr, static_cast<Subscriber *>(self)->filter_.c_str(), 1);
-}
-
-void Subscriber::on_subscribe(mosquitto *, void *data, int, int, const int *)
-{
-    auto *self = static_cast<Subscriber *>(data);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->subscribed_ = true;
-}
-
-void Subscriber::on_message(mosquitto *, void *data, const mosquitto_message *msg)
-{
-    auto *self = static_cast<Subscriber *>(data);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->messages_.push_back({msg->topic,
-                               std::string(static_cast<const char *>(msg->payload),
-                                           static_cast<size_t>(msg->payloadlen)),
-                               msg->retain});
-}
-
-bool Subscriber::ready(std::chrono::milliseconds timeout)
-{
-    return wait_until(
-        [&] {
-            std::lock_guard<std::mutex> lock(mutex_);
-            return subscribed_;
-        },
-        timeout);
-}
-
-std::vector<Received> Subscriber::messages() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return messages_;
-}
-
-size_t Subscriber::count() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return messages_.size();
-}
-
-bool Subscriber::wait(const std::function<bool(const std::vector<Received> &)> &pred,
-                      std::chrono::milliseconds timeout) const
-{
-    return wait_until([&] { return pred(messages()); }, timeout);
-}
-
-bool Subscriber::publish(const std::string &topic, const std::string &payload, int qos, bool retain)
-{
-    return mosquitto_publish(mosq_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                             payload.data(), qos, retain) == MOSQ_ERR_SUCCESS;
-}
-
-NodesEmitter::NodesEmitter(const std::string &bus_address)
+NodesEmitter::NodesEmitter(GDBusConnection *conn) : conn_(conn)
 {
     GError *error = nullptr;
-    conn_ = g_dbus_connection_new_for_address_sync(
-        bus_address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (conn_ == nullptr) {
-        g_error_free(error);
-        return;
-    }
     GVariant *reply = g_dbus_connection_call_sync(
         conn_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
         g_variant_new("(su)", "com.fernwick.DeviceService", 4u /* do not queue */), G_VARIANT_TYPE("(u)"),

@@ -133,16 +133,14 @@ TEST(BridgeOptions, KeyFileHoldsTheSameKeysAndTheCommandLineWins)
     EXPECT_EQ(o.topic_prefix, "plant/gw1");
 
     // A key file's values are checked like the command line's.
-    dstest::write_file(conf, "[bridge]\ngroup=a+b\n");
-    EXPECT_FALSE(parse({"--config", conf}, o, error));
-    EXPECT_NE(error.find("--group 'a+b'"), std::string::npos) << error;
-    dstest::write_file(conf, "[bridge]\nbrokr=host\n");
-    EXPECT_FALSE(parse({"--config", conf}, o, error));
-    EXPECT_NE(error.find("unknown key 'brokr' in [bridge]"), std::string::npos) << error;
-    dstest::write_file(conf, "[other]\nbroker=host\n");
-    EXPECT_FALSE(parse({"--config", conf}, o, error));
-    EXPECT_NE(error.find("no [bridge] group"), std::string::npos) << error;
-    dstest::write_file(conf, "broker=host\n");
-    EXPECT_FALSE(parse({"--config", conf}, o, error));
-    EXPECT_NE(error.find("--config " + conf + ": "), std::string::npos) << error;
+    for (const auto &[text, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"[bridge]\ngroup=a+b\n", "--group 'a+b'"},
+             {"[bridge]\nbrokr=host\n", "unknown key 'brokr' in [bridge]"},
+             {"[other]\nbroker=host\n", "no [bridge] group"},
+             {"broker=host\n", "--config " + conf + ": "},
+         }) {
+        dstest::write_file(conf, text);
+        EXPECT_FALSE(parse({"--config", conf}, o, error));
+        EXPECT_NE(error.find(reason), std::string::npos) << error;
+    }
 }

@@ -1,8 +1,7 @@
 #include "traffic.h"
 
 #include <gtest/gtest.h>
-
-#include <cstdlib>
+#include <mosquitto.h>
 
 #include "values.h"
 
@@ -10,16 +9,10 @@ namespace bridgetest {
 
 using dstest::wait_until;
 
-std::string bridge_binary()
-{
-    const char *other = getenv("DS_TEST_BRIDGE_BINARY");
-    return other != nullptr && *other != '\0' ? other : DS_BRIDGE_BINARY;
-}
-
 std::vector<std::string> bridge_args(const Broker &broker, const std::string &bus, const std::string &state_dir,
                                      const std::vector<std::string> &extra)
 {
-    std::vector<std::string> args = {bridge_binary(), "--broker", broker.address(), "--bus-address", bus,
+    std::vector<std::string> args = {DS_BRIDGE_BINARY, "--broker", broker.address(), "--bus-address", bus,
                                      "--state-dir", state_dir, "--group", "plant", "--edge-node", "gw1"};
     args.insert(args.end(), extra.begin(), extra.end());
     return args;
@@ -51,18 +44,74 @@ std::optional<int64_t> integer(const bridge::sp::Payload &p, const std::string &
 
 void Traffic::watch(uint16_t port, const std::string &filter)
 {
-    if (sub_)
-        archive_ = raw();
-    sub_ = std::make_unique<Subscriber>(port, filter);
-    ASSERT_TRUE(sub_->ready());
+    static const int library = mosquitto_lib_init(); // once for the process
+    (void)library;
+    close();
+    filter_ = filter;
+    mosq_ = mosquitto_new(nullptr, true, this);
+    mosquitto_connect_callback_set(mosq_, &Traffic::on_connect);
+    mosquitto_subscribe_callback_set(mosq_, &Traffic::on_subscribe);
+    mosquitto_message_callback_set(mosq_, &Traffic::on_message);
+    mosquitto_connect(mosq_, "127.0.0.1", port, 30);
+    mosquitto_loop_start(mosq_);
+    ASSERT_TRUE(wait_until(
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex_);
+            return subscribed_;
+        },
+        5s));
+}
+
+void Traffic::close()
+{
+    if (mosq_ == nullptr)
+        return;
+    mosquitto_disconnect(mosq_);
+    mosquitto_loop_stop(mosq_, true);
+    mosquitto_destroy(mosq_);
+    mosq_ = nullptr;
+    subscribed_ = false;
+}
+
+void Traffic::on_connect(mosquitto *m, void *self, int rc)
+{
+    if (rc == 0)
+        mosquitto_subscribe(m, nullptr, static_cast<Traffic *>(self)->filter_.c_str(), 1);
+}
+
+void Traffic::on_subscribe(mosquitto *, void *data, int, int, const int *)
+{
+    auto *self = static_cast<Traffic *>(data);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->subscribed_ = true;
+}
+
+void Traffic::on_message(mosquitto *, void *data, const mosquitto_message *msg)
+{
+    auto *self = static_cast<Traffic *>(data);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->messages_.push_back({msg->topic,
+                               std::string(static_cast<const char *>(msg->payload),
+                                           static_cast<size_t>(msg->payloadlen)),
+                               msg->retain});
+}
+
+bool Traffic::publish(const std::string &topic, const std::string &payload, int qos, bool retain)
+{
+    return mosquitto_publish(mosq_, nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
+                             qos, retain) == MOSQ_ERR_SUCCESS;
 }
 
 std::vector<Received> Traffic::raw() const
 {
-    std::vector<Received> all = archive_;
-    for (auto &m : sub_->messages())
-        all.push_back(std::move(m));
-    return all;
+    std::lock_guard<std::mutex> lock(mutex_);
+    return messages_;
+}
+
+bool Traffic::wait(const std::function<bool(const std::vector<Received> &)> &pred,
+                   std::chrono::milliseconds timeout) const
+{
+    return wait_until([&] { return pred(raw()); }, timeout);
 }
 
 std::vector<SpMessage> Traffic::decoded() const

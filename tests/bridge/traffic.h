@@ -3,18 +3,21 @@
 // command line.
 #pragma once
 
+#include <functional>
+#include <mutex>
 #include <optional>
 
 #include "mqtt_peers.h"
 #include "sparkplug.h"
+
+struct mosquitto;
+struct mosquitto_message;
 
 namespace bridgetest {
 
 // The bridge's command line to `broker` and `bus`, edge node plant/gw1.
 std::vector<std::string> bridge_args(const Broker &broker, const std::string &bus, const std::string &state_dir,
                                      const std::vector<std::string> &extra = {});
-// DS_TEST_BRIDGE_BINARY runs the tests against another build of the bridge.
-std::string bridge_binary();
 
 struct SpMessage {
     bridge::sp::Topic topic;
@@ -26,14 +29,30 @@ const bridge::sp::Metric *metric(const bridge::sp::Payload &p, const std::string
 std::optional<int64_t> integer(const bridge::sp::Metric *m);
 std::optional<int64_t> integer(const bridge::sp::Payload &p, const std::string &name);
 
-// What reached the test's subscribers, in order: one subscriber at a time,
-// a new one after a broker restart, the earlier ones' messages kept.
+struct Received {
+    std::string topic;
+    std::string payload;
+    bool retained = false;
+};
+
+// What reached the test's MQTT subscriber (libmosquitto on a thread of its
+// own), in order: watch() subscribes anew, after a broker restart too, and
+// what came before is kept.
 class Traffic {
 public:
+    Traffic() = default;
+    ~Traffic() { close(); }
+    Traffic(const Traffic &) = delete;
+    Traffic &operator=(const Traffic &) = delete;
+
+    // Connects to the broker at `port`, waiting for the subscription.
     void watch(uint16_t port, const std::string &filter = "spBv1.0/#");
-    Subscriber &sub() { return *sub_; }
+    bool publish(const std::string &topic, const std::string &payload, int qos = 1, bool retain = false);
     std::vector<Received> raw() const;
-    size_t count() const { return archive_.size() + sub_->count(); }
+    size_t count() const { return raw().size(); }
+    // Waits until `pred` holds for the messages received so far.
+    bool wait(const std::function<bool(const std::vector<Received> &)> &pred,
+              std::chrono::milliseconds timeout = 10s) const;
     std::vector<SpMessage> decoded() const;
     // The index of the first message of `type` for `device` at `from` or
     // later that satisfies `pred`, or -1 (a test failure naming `context`).
@@ -44,8 +63,16 @@ public:
     void expect_seq_continuity(size_t from = 0) const;
 
 private:
-    std::vector<Received> archive_;
-    std::unique_ptr<Subscriber> sub_;
+    static void on_connect(mosquitto *, void *, int);
+    static void on_subscribe(mosquitto *, void *, int, int, const int *);
+    static void on_message(mosquitto *, void *, const mosquitto_message *);
+    void close();
+
+    std::string filter_;
+    mosquitto *mosq_ = nullptr;
+    mutable std::mutex mutex_;
+    std::vector<Received> messages_;
+    bool subscribed_ = false;
 };
 
 } // namespace bridgetest

@@ -23,7 +23,7 @@ using Ids = std::vector<std::string>;
 
 } // namespace
 
-TEST(DeviceIds, ByName)
+TEST(DeviceIds, ByNameOrById)
 {
     struct Case {
         std::vector<DeviceReading> in;
@@ -45,10 +45,6 @@ TEST(DeviceIds, ByName)
     };
     for (size_t i = 0; i < std::size(cases); ++i)
         EXPECT_EQ(device_ids(cases[i].in, DeviceIdMode::Name), cases[i].out) << "case " << i;
-}
-
-TEST(DeviceIds, ById)
-{
     EXPECT_EQ(device_ids(devices({{7, "press"}, {12, "press"}, {3, ""}}), DeviceIdMode::Id),
               (Ids{"7", "12", "3"}));
 }

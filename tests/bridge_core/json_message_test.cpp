@@ -9,7 +9,7 @@ using namespace bridge;
 using bctest::device;
 using bctest::node;
 
-TEST(JsonMessage, EveryTypeAsIntegratorsReadIt)
+TEST(JsonMessage, EveryTypeAsIntegratorsReadItAndADeviceNotOpened)
 {
     const DeviceReading d = device(7, "press \"3\"", {
         node("run", "M0", NodeBit, "1"),
@@ -34,10 +34,7 @@ TEST(JsonMessage, EveryTypeAsIntegratorsReadIt)
               R"("level":21.100000000000001,)"
               R"j("run (M1)":false}})j");
     EXPECT_EQ(unparsable, 1u);
-}
-
-TEST(JsonMessage, DeviceNotOpened)
-{
+    // A device not opened: no values.
     EXPECT_EQ(json_message(device(3, "oven", {}, 2, 3), 5),
               R"({"timestamp":5,"dev_id":3,"dev_name":"oven","dev_mfg":2,"dev_type":3,"values":{}})");
 }
