@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "traffic.h"
+#include "bridge_core/readings.h"
+#include "mqtt_peers.h"
 #include "sim/modbus_tcp_sim.h"
 #include "support/config_calls.h"
 #include "support/daemon_fixture.h"
@@ -16,6 +17,7 @@
 
 using namespace dstest;
 using namespace bridgetest;
+using bctest::command;
 using bridge::sp::MsgType;
 
 namespace {
@@ -136,26 +138,16 @@ TEST_F(BridgeE2E, SparkplugSessionThroughDevicesCommandsAndRestarts)
     ASSERT_GE(wait_for(MsgType::DDEATH, "fx", mark), 0);
 
     // A rebirth request: NBIRTH (seq 0, the same bdSeq) and the DBIRTH again.
-    auto command = [](const char *name, uint32_t datatype, bridge::sp::Value v) {
-        bridge::sp::Payload p;
-        p.timestamp = 1;
-        p.metrics.push_back({});
-        p.metrics[0].name = name;
-        p.metrics[0].datatype = datatype;
-        p.metrics[0].value = std::move(v);
-        return bridge::sp::encode(p);
-    };
     mark = traffic_.count();
-    ASSERT_TRUE(traffic_.publish("spBv1.0/plant/NCMD/gw1",
-                                       command("Node Control/Rebirth", bridge::sp::Boolean, true)));
+    ASSERT_TRUE(
+        traffic_.publish("spBv1.0/plant/NCMD/gw1", command({{"Node Control/Rebirth", bridge::sp::Boolean, true}})));
     const int rebirth = wait_for(MsgType::NBIRTH, "", mark);
     ASSERT_GE(rebirth, 0);
     EXPECT_EQ(bd_seq(at(rebirth)), 0u);
     ASSERT_GE(wait_for(MsgType::DBIRTH, "press", static_cast<size_t>(rebirth)), 0);
 
     // Writes are refused, with a line that says so.
-    ASSERT_TRUE(traffic_.publish("spBv1.0/plant/DCMD/gw1/oven",
-                                       command("counter", bridge::sp::UInt32, uint32_t{0})));
+    ASSERT_TRUE(traffic_.publish("spBv1.0/plant/DCMD/gw1/oven", command({{"counter", bridge::sp::UInt32, 0u}})));
     EXPECT_TRUE(bridge_->wait_err("DCMD for oven (counter) refused: the gateway only reads")) << bridge_->err();
 
     // The daemon goes: its devices die. It comes back: they are born again.

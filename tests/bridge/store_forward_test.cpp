@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "traffic.h"
+#include "mqtt_peers.h"
 #include "values.h"
 #include "support/bus.h"
 
@@ -325,7 +325,9 @@ TEST_F(StoreForward, JsonStatusAndReplayWithItsTimesPastACorruptStore)
             EXPECT_GE(got[i].second, got[i - 1].second);
         }
         if (i >= 1 && i < 20) {
-            EXPECT_LT(got[i].second, back_at) << "cycle " << i + 1 << " keeps the time it was read";
+            // The same millisecond as the broker's return at most: a replay
+            // comes after the reconnection.
+            EXPECT_LE(got[i].second, back_at) << "cycle " << i + 1 << " keeps the time it was read";
         }
     }
 

@@ -9,6 +9,7 @@
 #include "values.h"
 
 using namespace bridge;
+using bctest::command;
 using bctest::cycle;
 using bctest::device;
 using bctest::node;
@@ -255,18 +256,6 @@ TEST(EdgeNode, WillAndNodeMetrics)
 
 TEST(EdgeNode, CommandsAskForARebirthOrAreRefused)
 {
-    auto command = [](std::vector<std::pair<const char *, sp::Value>> metrics) {
-        sp::Payload p;
-        p.timestamp = 1;
-        for (auto &[name, v] : metrics) {
-            sp::Metric m;
-            m.name = name;
-            m.datatype = sp::Boolean;
-            m.value = std::move(v);
-            p.metrics.push_back(std::move(m));
-        }
-        return sp::encode(p);
-    };
     EdgeNode en(config());
     auto expect = [&](const std::string &topic, const std::string &payload, bool rebirth, const std::string &line) {
         const CommandResult r = en.on_command(topic, payload);
@@ -274,12 +263,12 @@ TEST(EdgeNode, CommandsAskForARebirthOrAreRefused)
         EXPECT_EQ(r.log_line, line) << topic;
     };
     const std::string ncmd = "spBv1.0/g/NCMD/e";
-    const std::string rebirth = command({{"Node Control/Rebirth", true}});
+    const std::string rebirth = command({{"Node Control/Rebirth", sp::Boolean, true}});
     expect(ncmd, rebirth, true, "");
-    expect(ncmd, command({{"Node Control/Rebirth", false}}), false, "");
-    expect(ncmd, command({{"Node Control/Reboot", true}, {"Node Control/Rebirth", true}}), true,
-           "NCMD Node Control/Reboot refused: the gateway only reads");
-    expect("spBv1.0/g/DCMD/e/press", command({{"run", false}, {"count", 3u}}), false,
+    expect(ncmd, command({{"Node Control/Rebirth", sp::Boolean, false}}), false, "");
+    expect(ncmd, command({{"Node Control/Reboot", sp::Boolean, true}, {"Node Control/Rebirth", sp::Boolean, true}}),
+           true, "NCMD Node Control/Reboot refused: the gateway only reads");
+    expect("spBv1.0/g/DCMD/e/press", command({{"run", sp::Boolean, false}, {"count", sp::UInt32, 3u}}), false,
            "DCMD for press (run, count) refused: the gateway only reads");
     expect(ncmd, "\xff\xff\xff", false, "NCMD on spBv1.0/g/NCMD/e is not a Sparkplug payload (3 bytes): ignored");
     for (const char *elsewhere : {"spBv1.0/g/NCMD/other", "spBv1.0/h/NCMD/e", "spBv1.0/g/NDATA/e", "x/y"})

@@ -1,10 +1,12 @@
-// Building cycles of the `nodes` signal for the bridge's tests.
+// Building cycles of the `nodes` signal, and commands, for the bridge's tests.
 #pragma once
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cycle.h"
+#include "sparkplug.h"
 
 namespace bctest {
 
@@ -29,6 +31,20 @@ inline bridge::DeviceReading device(uint32_t id, std::string name,
 inline bridge::Cycle cycle(uint64_t ts, std::vector<bridge::DeviceReading> devices)
 {
     return bridge::Cycle{ts, std::move(devices)};
+}
+
+// A command's payload: each metric's name, datatype and value.
+inline std::string command(const std::vector<std::tuple<const char *, uint32_t, bridge::sp::Value>> &metrics)
+{
+    bridge::sp::Payload p;
+    p.timestamp = 1;
+    for (const auto &[name, datatype, value] : metrics) {
+        p.metrics.emplace_back();
+        p.metrics.back().name = name;
+        p.metrics.back().datatype = datatype;
+        p.metrics.back().value = value;
+    }
+    return bridge::sp::encode(p);
 }
 
 } // namespace bctest

