@@ -51,11 +51,10 @@ protected:
     {
         configure("EthernetDeviceAdd", ethernet_args(id, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, name));
     }
-    Child &start_bridge(const std::vector<std::string> &extra = {})
+    void start_bridge(const std::vector<std::string> &extra = {})
     {
         bridge_ = std::make_unique<Child>(bridge_args(broker_, bus_.address(), dir_.file("state"), extra),
                                           dir_.path(), "bridge" + std::to_string(bridges_++));
-        return *bridge_;
     }
     int wait_for(MsgType type, const std::string &device, size_t from = 0,
                  const std::function<bool(const bridge::sp::Payload &)> &pred = nullptr)
@@ -158,9 +157,6 @@ TEST_F(BridgeE2E, SparkplugSessionThroughDevicesCommandsAndRestarts)
     ASSERT_GE(wait_for(MsgType::DBIRTH, "press", mark), 0);
 
     // Killed: the broker sends the Will, the NDEATH of this session.
-    Child watcher({DS_BRIDGE_BINARY, "--watch", "--broker", broker_.address(), "--group", "plant"}, dir_.path(),
-                  "watch");
-    ASSERT_TRUE(watcher.wait_err("connected to")) << watcher.err();
     bridge_->signal(SIGKILL);
     const int will = wait_for(MsgType::NDEATH, "", mark);
     ASSERT_GE(will, 0);
@@ -182,11 +178,6 @@ TEST_F(BridgeE2E, SparkplugSessionThroughDevicesCommandsAndRestarts)
     EXPECT_EQ(bridge_->wait_exit(), 0) << bridge_->err();
     traffic_.expect_seq_continuity();
 
-    // The watcher printed what it saw, decoded.
-    EXPECT_TRUE(watcher.wait_out("NDEATH plant/gw1 no seq: bdSeq=1")) << watcher.out() << watcher.err();
-    EXPECT_NE(watcher.out().find("NBIRTH plant/gw1 seq=0:"), std::string::npos);
-    EXPECT_NE(watcher.out().find("DBIRTH plant/gw1/oven seq="), std::string::npos);
-    EXPECT_NE(watcher.out().find("trays=3 (UInt16) @val:3"), std::string::npos) << watcher.out();
 }
 
 // Mistakes in the command line, credentials the broker refuses or takes,
@@ -200,12 +191,7 @@ TEST(BridgeProgram, RefusalsBadInputAndBusGone)
     write_file(dir.file("plain"), "");
     write_file(dir.file("good"), "s3cret\n");
     write_file(dir.file("bad"), "secret\n");
-    const std::vector<std::string> user = {"--broker", broker.address(), "--username", "bridge", "--password-file"};
-    auto as_user = [&](const std::string &file) {
-        std::vector<std::string> a = user;
-        a.push_back(dir.file(file));
-        return a;
-    };
+    const std::vector<std::string> good = {"--username", "bridge", "--password-file", dir.file("good")};
     const struct {
         std::vector<std::string> args;
         int status;
@@ -213,7 +199,8 @@ TEST(BridgeProgram, RefusalsBadInputAndBusGone)
     } cases[] = {
         {{"--mode", "xml"}, 1, "--mode 'xml': expected sparkplug or json"},
         {{"--broker", broker.address()}, 2, "broker refused: not authorised"},
-        {as_user("bad"), 2, "broker refused: not authorised"},
+        {{"--broker", broker.address(), "--username", "bridge", "--password-file", dir.file("bad")}, 2,
+         "broker refused: not authorised"},
         {{"--state-dir", dir.file("plain/state")}, 4, "cannot make the state directory"},
         {{"--bus-address", "unix:path=" + dir.file("nobus")}, 3, "cannot reach the bus"},
     };
@@ -229,13 +216,11 @@ TEST(BridgeProgram, RefusalsBadInputAndBusGone)
         EXPECT_EQ(count_of(err, "device-service-bridge: "), 1u) << err;
         EXPECT_NE(err.find("device-service-bridge: " + c.line), std::string::npos) << err;
     }
-    std::vector<std::string> watch = {DS_BRIDGE_BINARY, "--watch", "--group", "plant"};
-    const auto good = as_user("good");
+    std::vector<std::string> watch = {DS_BRIDGE_BINARY, "--watch", "--group", "plant", "--broker", broker.address()};
     watch.insert(watch.end(), good.begin(), good.end());
     Child watcher(watch, dir.path(), "watch");
     ASSERT_TRUE(watcher.wait_err("connected to " + broker.address() + " as ")) << watcher.err();
-    Child bridge(bridge_args(broker, bus->address(), dir.file("state"), {good.begin() + 2, good.end()}),
-                 dir.path(), "bridge");
+    Child bridge(bridge_args(broker, bus->address(), dir.file("state"), good), dir.path(), "bridge");
     ASSERT_TRUE(watcher.wait_out("NBIRTH plant/gw1 seq=0")) << bridge.err();
 
     // The bus gone, the session ends with its death and the bridge leaves.

@@ -136,8 +136,6 @@ NodesEmitter::~NodesEmitter()
 
 bool NodesEmitter::emit(const std::vector<bridge::DeviceReading> &devices)
 {
-    if (conn_ == nullptr)
-        return false;
     GVariantBuilder list;
     g_variant_builder_init(&list, G_VARIANT_TYPE("a(usuuv)"));
     for (const auto &d : devices) {

@@ -54,12 +54,9 @@ sp::Payload payload_of(const Sent &s)
     return p;
 }
 
-Cycle cycle_with(const std::string &value, uint64_t t = 1700000000000)
+Cycle cycle_with(const std::string &value)
 {
-    Cycle c;
-    c.timestamp_ms = t;
-    c.devices.push_back({7, "press", 1, 103, {{"strokes", "D100", 4, value}}});
-    return c;
+    return Cycle{1700000000000, {{7, "press", 1, 103, {{"strokes", "D100", 4, value}}}}};
 }
 
 // What went out from `from` on, a line each: what, QoS, retain, and the

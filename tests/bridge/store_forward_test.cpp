@@ -27,14 +27,6 @@ namespace {
 constexpr char DEVICE[] = "line";
 constexpr char HOST_STATE[] = "spBv1.0/STATE/scada";
 
-// The cycle number every node of the device carries.
-uint64_t number(const bridge::sp::Metric &m)
-{
-    const auto v = integer(&m);
-    EXPECT_TRUE(v) << m.name << " is not an integer";
-    return static_cast<uint64_t>(v.value_or(0));
-}
-
 // What the DDATA of the device said, checked across sessions (each one
 // starting at an NBIRTH): every node of a message holds the same cycle;
 // within a session the cycles rise strictly (nothing out of order); over all
@@ -62,9 +54,9 @@ struct History {
             ASSERT_FALSE(replayed_per_session.empty()) << "DDATA before any NBIRTH";
             ASSERT_FALSE(m.payload.metrics.empty()) << i;
             const bridge::sp::Metric &head = m.payload.metrics[0];
-            const uint64_t k = number(head);
+            const auto k = static_cast<uint64_t>(integer(&head).value_or(-1));
             for (const auto &metric : m.payload.metrics) {
-                ASSERT_EQ(number(metric), k) << metric.name << " at #" << i;
+                ASSERT_EQ(integer(&metric), integer(&head)) << metric.name << " at #" << i;
                 ASSERT_EQ(metric.historical, head.historical) << metric.name << " at #" << i;
             }
             ASSERT_LE(k, last);
@@ -94,17 +86,15 @@ protected:
         traffic_.watch(broker_.port());
     }
 
-    Child &start_bridge(const std::vector<std::string> &extra = {})
+    void start_bridge(const std::vector<std::string> &extra = {})
     {
         bridge_.reset(); // a bridge still running is killed first
         bridge_ = std::make_unique<Child>(bridge_args(broker_, bus_.address(), state_dir(), extra), dir_.path(),
                                           "bridge" + std::to_string(bridges_++));
         // Cycles emitted from now on reach it.
         EXPECT_TRUE(bridge_->wait_err("device-service is on the bus")) << bridge_->err();
-        return *bridge_;
     }
     std::string state_dir() const { return dir_.file("state"); }
-    std::vector<SpMessage> received() const { return traffic_.decoded(); }
 
     // Cycles `from`..`to`: every node of the device holds the cycle's number.
     void emit(uint64_t from, uint64_t to, int nodes = 4)
@@ -191,7 +181,7 @@ TEST_F(StoreForward, BrokerOutageReplayedInOrderAcrossKills)
     ASSERT_GE(wait_value(LAST_STORED + 4), 0);
 
     History h;
-    h.check(received(), 1, LAST_STORED + 4, 256 + 64, {1, LAST_STORED + 1});
+    h.check(traffic_.decoded(), 1, LAST_STORED + 4, 256 + 64, {1, LAST_STORED + 1});
     traffic_.expect_seq_continuity();
     ASSERT_EQ(h.replayed_per_session.size(), 3u);
     EXPECT_GT(h.replayed_per_session[1], 0u);
@@ -221,7 +211,7 @@ TEST_F(StoreForward, FullStoreDropsTheOldestAndSaysHowMany)
     traffic_.watch(broker_.port());
     ASSERT_TRUE(bridge_->wait_err("every stored message has been sent", 30s)) << bridge_->err();
     ASSERT_GE(wait_value(600), 0);
-    const auto all = received();
+    const auto all = traffic_.decoded();
     const int birth = wait_for(MsgType::NBIRTH, 1);
     ASSERT_GE(birth, 0);
     const auto dropped = integer(all[static_cast<size_t>(birth)].payload, "Store/Dropped Values");
@@ -248,25 +238,25 @@ TEST_F(StoreForward, PrimaryHostGatesBirthsAndEndsTheSessionWhenOffline)
     ASSERT_TRUE(traffic_.publish(HOST_STATE, R"({"online":true,"timestamp":1000})", 1, true));
     const int birth = wait_for(MsgType::NBIRTH);
     ASSERT_GE(birth, 0);
-    const auto bd = integer(received()[static_cast<size_t>(birth)].payload, "bdSeq");
+    const auto bd = integer(traffic_.decoded()[static_cast<size_t>(birth)].payload, "bdSeq");
     emit(4, 4);
     ASSERT_GE(wait_value(4), 0);
 
     ASSERT_TRUE(traffic_.publish(HOST_STATE, R"({"online":false,"timestamp":1000})", 1, true));
     const int death = wait_for(MsgType::NDEATH);
     ASSERT_GE(death, 0);
-    EXPECT_EQ(integer(received()[static_cast<size_t>(death)].payload, "bdSeq"), bd);
+    EXPECT_EQ(integer(traffic_.decoded()[static_cast<size_t>(death)].payload, "bdSeq"), bd);
     ASSERT_TRUE(bridge_->wait_err("connected to", 20s, 2)) << bridge_->err();
     emit(5, 8);
     ASSERT_TRUE(bridge_->wait_err("storing data until", 10s, 2)) << bridge_->err();
     ASSERT_TRUE(traffic_.publish(HOST_STATE, R"({"online":true,"timestamp":2000})", 1, true));
     const int again = wait_for(MsgType::NBIRTH, static_cast<size_t>(death));
     ASSERT_GE(again, 0);
-    EXPECT_EQ(integer(received()[static_cast<size_t>(again)].payload, "bdSeq"), *bd + 1);
+    EXPECT_EQ(integer(traffic_.decoded()[static_cast<size_t>(again)].payload, "bdSeq"), *bd + 1);
     emit(9, 9);
     ASSERT_GE(wait_value(9), 0);
 
-    const auto all = received();
+    const auto all = traffic_.decoded();
     EXPECT_EQ(std::count_if(all.begin(), all.end(),
                             [](const SpMessage &m) { return m.topic.type == MsgType::NDEATH; }),
               1) << bridge_->err();

@@ -18,13 +18,9 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-EdgeNodeConfig config(DeviceIdMode mode = DeviceIdMode::Name)
+EdgeNodeConfig config()
 {
-    EdgeNodeConfig c;
-    c.group = "g";
-    c.edge_node = "e";
-    c.device_id = mode;
-    return c;
+    return EdgeNodeConfig{"g", "e", DeviceIdMode::Name};
 }
 
 Lines lines(const std::vector<Message> &messages)

@@ -72,23 +72,20 @@ TEST(SparkplugPayload, BytesAreTheGeneratedCodesOwnAndReadBackWhole)
     many.timestamp = 1;
     for (uint32_t i = 0; i < 1000; ++i)
         many.metrics.push_back(metric("tag" + std::to_string(i), 0, i * 997u, 1700000000000 + i));
-    sp::Payload empty;
-
-    for (const sp::Payload *p : {&long_ones, &many, &empty}) {
-        sp::Payload with_all = every_kind();
-        for (const sp::Payload *q : {p, static_cast<const sp::Payload *>(&with_all)}) {
-            const std::string ours = sp::encode(*q);
-            Org__Eclipse__Tahu__Protobuf__Payload *read = org__eclipse__tahu__protobuf__payload__unpack(
-                nullptr, ours.size(), reinterpret_cast<const uint8_t *>(ours.data()));
-            ASSERT_NE(read, nullptr);
-            std::string theirs(org__eclipse__tahu__protobuf__payload__get_packed_size(read), '\0');
-            org__eclipse__tahu__protobuf__payload__pack(read, reinterpret_cast<uint8_t *>(theirs.data()));
-            org__eclipse__tahu__protobuf__payload__free_unpacked(read, nullptr);
-            EXPECT_EQ(theirs, ours) << q->metrics.size() << " metrics";
-            sp::Payload back;
-            ASSERT_TRUE(sp::decode(ours, back));
-            EXPECT_EQ(sp::encode(back), ours) << q->metrics.size() << " metrics";
-        }
+    const sp::Payload empty;
+    const sp::Payload with_all = every_kind();
+    for (const sp::Payload *q : std::initializer_list<const sp::Payload *>{&long_ones, &many, &empty, &with_all}) {
+        const std::string ours = sp::encode(*q);
+        Org__Eclipse__Tahu__Protobuf__Payload *read = org__eclipse__tahu__protobuf__payload__unpack(
+            nullptr, ours.size(), reinterpret_cast<const uint8_t *>(ours.data()));
+        ASSERT_NE(read, nullptr);
+        std::string theirs(org__eclipse__tahu__protobuf__payload__get_packed_size(read), '\0');
+        org__eclipse__tahu__protobuf__payload__pack(read, reinterpret_cast<uint8_t *>(theirs.data()));
+        org__eclipse__tahu__protobuf__payload__free_unpacked(read, nullptr);
+        EXPECT_EQ(theirs, ours) << q->metrics.size() << " metrics";
+        sp::Payload back;
+        ASSERT_TRUE(sp::decode(ours, back));
+        EXPECT_EQ(sp::encode(back), ours) << q->metrics.size() << " metrics";
     }
 }
 
@@ -200,9 +197,7 @@ TEST(SparkplugTopics, BuiltAndSplit)
     sp::Topic t;
     ASSERT_TRUE(sp::parse_topic("spBv1.0/g/DCMD/e/d", t));
     EXPECT_EQ(t.type, sp::MsgType::DCMD);
-    EXPECT_EQ(t.group, "g");
-    EXPECT_EQ(t.edge, "e");
-    EXPECT_EQ(t.device, "d");
+    EXPECT_EQ(t.group + " " + t.edge + " " + t.device, "g e d");
     ASSERT_TRUE(sp::parse_topic("spBv1.0/g/NCMD/e", t));
     EXPECT_EQ(t.type, sp::MsgType::NCMD);
     EXPECT_EQ(t.device, "");

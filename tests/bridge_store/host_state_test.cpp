@@ -43,13 +43,11 @@ TEST(HostStatePayload, ParsesTheJsonObjectAndRefusesAnythingElse)
              {R"("online")", "not a JSON object"},
              {R"({"timestamp":1})", "\"online\""},
              {R"({"online":"true","timestamp":1})", "\"online\""},
-             {R"({"online":1,"timestamp":1})", "\"online\""},
              {R"({"online":null,"timestamp":1})", "\"online\""},
              {R"({"online":true})", "\"timestamp\""},
              {R"({"online":true,"timestamp":"1700000000123"})", "\"timestamp\""},
              {R"({"online":true,"timestamp":1.5})", "\"timestamp\""},
              {R"({"online":true,"timestamp":-1})", "\"timestamp\""},
-             {R"({"online":true,"timestamp":{}})", "\"timestamp\""},
              {std::string("{\"online\":true,\"timestamp\":1}\0x", 31), "not JSON"},
              {std::string(5000, ' ') + "{}", "bytes"},
          }) {

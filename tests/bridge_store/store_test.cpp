@@ -32,20 +32,17 @@ std::unique_ptr<Store> open_store(const std::string &path, uint64_t cap = 64 * k
     return s;
 }
 
-// Message n: its number in the body and topic, n % 7 + 1 values.
-std::string body_of(uint64_t n, size_t size = 16)
-{
-    std::string b = std::to_string(n) + ":";
-    while (b.size() < size)
-        b.push_back(static_cast<char>('a' + (n + b.size()) % 26));
-    return b;
-}
-
+// Messages first..last: message n holds n % 7 + 1 values and a body of
+// `size` bytes that starts with its number.
 bool append_numbers(Store &s, uint64_t first, uint64_t last, size_t size = 16)
 {
     std::vector<std::string> bodies;
-    for (uint64_t n = first; n <= last; ++n)
-        bodies.push_back(body_of(n, size));
+    for (uint64_t n = first; n <= last; ++n) {
+        std::string b = std::to_string(n) + ":";
+        while (b.size() < size)
+            b.push_back(static_cast<char>('a' + (n + b.size()) % 26));
+        bodies.push_back(std::move(b));
+    }
     std::vector<Store::Item> items;
     for (uint64_t n = first; n <= last; ++n)
         items.push_back({"dev", 1000 + n, static_cast<uint32_t>(n % 7 + 1), bodies[n - first]});
@@ -100,15 +97,20 @@ uint64_t values_of(uint64_t first, uint64_t last)
 
 } // namespace
 
-TEST(StoreQueue, KeepsMessagesInOrderThroughPeekRemoveAndReopen)
+TEST(StoreQueue, KeepsMessagesInOrderThroughPeekRemoveAndReopenForOneBridgeAtATime)
 {
     TempDir dir;
     const std::string path = dir.file("store.db");
+    dstest::write_file(path, ""); // an empty file is a new store
     {
         auto s = open_store(path);
         ASSERT_TRUE(s);
         EXPECT_TRUE(s->empty());
         EXPECT_TRUE(s->peek(10).empty());
+        // A second bridge on the same state directory: refused, nothing renamed.
+        std::string notice;
+        EXPECT_FALSE(Store::open(path, 64 * kMiB, &notice));
+        EXPECT_NE(notice.find("in use"), std::string::npos) << notice;
 
         // Every field comes back as given: bodies are bytes (NULs and all),
         // topics any UTF-8, timestamps the full millisecond range.
@@ -151,6 +153,11 @@ TEST(StoreQueue, KeepsMessagesInOrderThroughPeekRemoveAndReopen)
     EXPECT_EQ(s->count(), 270u);
     EXPECT_EQ(numbers(*s), range(51, 320));
     EXPECT_EQ(s->peek(1).at(0).timestamp_ms, 1051u);
+
+    // No directory to make it in: no store, and a reason.
+    std::string notice;
+    EXPECT_FALSE(Store::open(dir.file("missing/store.db"), 64 * kMiB, &notice));
+    EXPECT_NE(notice.find("cannot create"), std::string::npos) << notice;
 }
 
 TEST(StoreCap, DropsOldestFirstCountsThemAndStaysWithinTheCap)
@@ -160,6 +167,8 @@ TEST(StoreCap, DropsOldestFirstCountsThemAndStaysWithinTheCap)
     const uint64_t cap = 2 * kMiB;
     uint64_t next = 1;
     uint64_t largest = 0;
+    uint64_t dropped = 0; // at the close
+    uint64_t oldest = 0;  // the oldest message kept at the close
     {
         auto s = open_store(path, cap);
         ASSERT_TRUE(s);
@@ -202,23 +211,19 @@ TEST(StoreCap, DropsOldestFirstCountsThemAndStaysWithinTheCap)
         const auto after = numbers(*s);
         EXPECT_EQ(after, range(after.front(), next - 1));
         EXPECT_EQ(s->dropped_values(), removed_values + 1000 + values_of(kept.front(), after.front() - 1));
+        dropped = s->dropped_values();
+        oldest = after.front();
     }
-    // The figure is on disk with the messages.
-    {
-        std::string notice;
-        auto s = Store::open(path, cap, &notice);
-        ASSERT_TRUE(s) << notice;
-        EXPECT_GT(s->dropped_values(), 1000u);
-        EXPECT_EQ(numbers(*s).back(), next - 1);
-        EXPECT_GT(largest, cap * 3 / 4) << "the cap should have been used";
-    }
-    // Opened with a smaller cap, the oldest go and the file shrinks to fit.
+    // Opened with a smaller cap, the oldest go and the file shrinks to fit;
+    // the figure, kept on disk with the messages, counts them too.
+    EXPECT_GT(largest, cap * 3 / 4) << "the cap should have been used";
     auto s = open_store(path, cap / 2);
     ASSERT_TRUE(s);
     EXPECT_LE(size_on_disk(path), cap / 2);
     const auto kept = numbers(*s);
     ASSERT_FALSE(kept.empty());
     EXPECT_EQ(kept, range(kept.front(), next - 1));
+    EXPECT_EQ(s->dropped_values(), dropped + values_of(oldest, kept.front() - 1));
 }
 
 namespace {
@@ -229,16 +234,6 @@ void make_full_store(const std::string &path)
     auto s = open_store(path);
     ASSERT_TRUE(s);
     ASSERT_TRUE(append_numbers(*s, 1, 4000, 300));
-}
-
-// Overwrites `len` bytes at `offset` with a pattern that is no page.
-void scribble(const std::string &path, size_t offset, size_t len)
-{
-    std::string bytes = read_file(path);
-    ASSERT_LE(offset + len, bytes.size());
-    for (size_t i = 0; i < len; ++i)
-        bytes[offset + i] = static_cast<char>(0x5a ^ (i * 31));
-    dstest::write_file(path, bytes);
 }
 
 } // namespace
@@ -267,7 +262,12 @@ TEST(StoreRecovery, FileThatIsNoStoreIsSetAsideAndANewStoreStarts)
                  wal = read_file(p + "-wal");
              }
              ASSERT_GT(wal.size(), 4096u);
-             scribble(p, 4096 * 20 + 100, 3000);
+             // Pages overwritten with a pattern that is no page.
+             std::string bytes = read_file(p);
+             ASSERT_GT(bytes.size(), 4096u * 21);
+             for (size_t i = 0; i < 3000; ++i)
+                 bytes[4096 * 20 + 100 + i] = static_cast<char>(0x5a ^ (i * 31));
+             dstest::write_file(p, bytes);
              dstest::write_file(p + "-wal", wal);
          }},
         {"truncated store",
@@ -319,27 +319,4 @@ TEST(StoreRecovery, FileThatIsNoStoreIsSetAsideAndANewStoreStarts)
         ASSERT_TRUE(again);
         EXPECT_EQ(numbers(*again), range(1, 10));
     }
-}
-
-TEST(StoreRecovery, EmptyFileIsANewStoreAndAStoreInUseIsLeftAlone)
-{
-    TempDir dir;
-    const std::string path = dir.file("store.db");
-    dstest::write_file(path, "");
-    auto first = open_store(path);
-    ASSERT_TRUE(first);
-    ASSERT_TRUE(append_numbers(*first, 1, 5));
-
-    // A second bridge on the same state directory: refused, nothing renamed.
-    std::string notice;
-    EXPECT_FALSE(Store::open(path, 64 * kMiB, &notice));
-    EXPECT_NE(notice.find("in use"), std::string::npos) << notice;
-    first.reset();
-    auto again = open_store(path);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(numbers(*again), range(1, 5));
-
-    // No directory to make it in: no store, and a reason.
-    EXPECT_FALSE(Store::open(dir.file("missing/store.db"), 64 * kMiB, &notice));
-    EXPECT_NE(notice.find("cannot create"), std::string::npos) << notice;
 }
