@@ -11,28 +11,13 @@
 
 using namespace dstest;
 
-namespace {
-
-bool contains(const std::vector<std::string> &v, const std::string &s)
-{
-    return std::find(v.begin(), v.end(), s) != v.end();
-}
-
-} // namespace
-
 class LoopDevices : public DaemonTest {
 protected:
-    void expect_zero(const char *method, GVariant *args)
-    {
-        auto r = call(method, args);
-        ASSERT_TRUE(r.ok) << r.error << " " << r.message;
-        ASSERT_EQ(r.response, 0);
-    }
     void add_device(uint32_t id, const std::string &name)
     {
-        expect_zero("EthernetDeviceAdd", ethernet_args(id, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, name));
+        ASSERT_EQ(code("EthernetDeviceAdd", ethernet_args(id, TEST_DRIVER_MFG, TEST_DRIVER_TYPE, name)), 0);
     }
-    void add_nodes(const std::vector<NodeSpec> &nodes) { expect_zero("nodeTableAddMulti", node_array(nodes)); }
+    void add_nodes(const std::vector<NodeSpec> &nodes) { ASSERT_EQ(code("nodeTableAddMulti", node_array(nodes)), 0); }
 };
 
 TEST_F(LoopDevices, ValuesFailedReadsAndUnopenableDevices)
@@ -84,9 +69,8 @@ TEST_F(LoopDevices, ChangeDuringASlowReadIsAnsweredAtOnceAndAbandonsTheCycle)
     ASSERT_TRUE(daemon_->wait_output("read nodes table", 10s, cycles + 1));
     // The loop is now inside a 3 s read; the call must be answered while it
     // still runs (its own time-out here is far below the read's length).
-    auto r = call_device(conn(), "nodeTableAddMulti", node_array({{1, 3, "val:c"}}), 2000);
-    ASSERT_TRUE(r.ok) << r.error << r.message;
-    EXPECT_EQ(r.response, 0);
+    const auto r = call_device(conn(), "nodeTableAddMulti", node_array({{1, 3, "val:c"}}), 2000);
+    ASSERT_TRUE(r.ok && r.response == 0) << r.error << r.message;
     ASSERT_TRUE(daemon_->wait_output("-----------------Abort ", 10s));
     const size_t seen = rec.count();
     ASSERT_TRUE(rec.wait_for_count(seen + 1, 15s));
@@ -121,9 +105,7 @@ TEST_F(LoopDevices, ConcurrencyHammerConfigurationDuringCycles)
     std::vector<NodeSpec> settled;
     for (uint32_t i = 0; i < 40; ++i)
         settled.push_back({1 + i % 2, i + 1, "val:" + std::to_string(1000 + i)});
-    auto r = call("nodeTableSyncMulti", node_array(settled));
-    ASSERT_TRUE(r.ok);
-    ASSERT_EQ(r.response, 0);
+    ASSERT_EQ(code("nodeTableSyncMulti", node_array(settled)), 0);
     ASSERT_TRUE(daemon_->running()) << daemon_->err();
     // Cycles read before that call may still be on their way to us; the
     // first with the settled values, and every one after it, holds all 40.
@@ -131,9 +113,11 @@ TEST_F(LoopDevices, ConcurrencyHammerConfigurationDuringCycles)
     ASSERT_TRUE(wait_until(
         [&] {
             pump_main_context(std::chrono::milliseconds(10));
-            for (; first < rec.count(); ++first)
-                if (contains(cycle_values(rec.cycle(first)), "1/n1=1000"))
+            for (; first < rec.count(); ++first) {
+                const auto values = cycle_values(rec.cycle(first));
+                if (std::find(values.begin(), values.end(), "1/n1=1000") != values.end())
                     return true;
+            }
             return false;
         },
         15s));

@@ -13,22 +13,7 @@ using namespace dstest;
 
 namespace {
 
-std::string introspect(GDBusConnection *conn)
-{
-    GVariant *r = g_dbus_connection_call_sync(
-        conn, "com.fernwick.DeviceService", "/com/fernwick/DeviceService",
-        "org.freedesktop.DBus.Introspectable", "Introspect", nullptr, G_VARIANT_TYPE("(s)"),
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    if (r == nullptr)
-        return "";
-    const gchar *xml = nullptr;
-    g_variant_get(r, "(&s)", &xml);
-    std::string s = xml;
-    g_variant_unref(r);
-    return s;
-}
-
-// "name(in:sig,...;out:sig)" per method, in introspection order.
+// "name(in:sig,...;out:sig)" per method, sorted by name.
 std::vector<std::string> describe(GDBusInterfaceInfo *iface)
 {
     std::vector<std::string> out;
@@ -45,11 +30,6 @@ std::vector<std::string> describe(GDBusInterfaceInfo *iface)
     return out;
 }
 
-GDBusNodeInfo *parse(const std::string &xml)
-{
-    return g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
-}
-
 } // namespace
 
 class Daemon : public DaemonTest {};
@@ -57,15 +37,15 @@ class Daemon : public DaemonTest {};
 TEST_F(Daemon, ExportsExactlyTheDeviceServiceContract)
 {
     start_daemon();
-    const std::string xml = introspect(conn());
-    GDBusNodeInfo *live = parse(xml);
+    const std::string xml = introspect_device(conn());
+    GDBusNodeInfo *live = g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
     ASSERT_NE(live, nullptr) << xml;
     GDBusInterfaceInfo *iface =
         g_dbus_node_info_lookup_interface(live, "com.fernwick.DeviceService");
     ASSERT_NE(iface, nullptr);
 
     const std::string idl = read_file(DS_SOURCE_DIR "/src/idl/common/device_idl.xml");
-    GDBusNodeInfo *want = parse(idl);
+    GDBusNodeInfo *want = g_dbus_node_info_new_for_xml(idl.c_str(), nullptr);
     GDBusInterfaceInfo *want_iface =
         g_dbus_node_info_lookup_interface(want, "com.fernwick.DeviceService");
     EXPECT_EQ(describe(iface), describe(want_iface));
@@ -129,12 +109,12 @@ TEST_F(Daemon, RunningDaemonPidFileStartupCallsAndSignals)
               "org.freedesktop.DBus.Error.InvalidArgs");
 
     // SIGTERM only logs.
-    daemon_->send_signal(SIGTERM);
+    daemon_->signal(SIGTERM);
     EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s));
-    daemon_->send_signal(SIGTERM);
+    daemon_->signal(SIGTERM);
     EXPECT_TRUE(daemon_->wait_output(" M receive SIGTERM signal\n", 5s, 2));
     EXPECT_TRUE(daemon_->running());
-    EXPECT_FALSE(introspect(conn()).empty());
+    EXPECT_FALSE(introspect_device(conn()).empty());
 
     // The user unit stops it with its KillSignal, which must not be SIGTERM.
     const std::string unit = read_file(DS_SOURCE_DIR "/packaging/device-service.service");
@@ -144,8 +124,8 @@ TEST_F(Daemon, RunningDaemonPidFileStartupCallsAndSignals)
     ASSERT_NE(at, std::string::npos);
     const std::string name = unit.substr(at + 12, unit.find('\n', at + 1) - at - 12);
     ASSERT_EQ(signals.count(name), 1u) << "KillSignal=" << name;
-    daemon_->send_signal(signals.at(name));
-    EXPECT_NE(daemon_->wait_exit(), -1000) << name << " ends it";
+    daemon_->signal(signals.at(name));
+    EXPECT_NE(daemon_->wait_exit(), -1) << name << " ends it";
 }
 
 TEST_F(Daemon, SecondInstanceExits255WithoutTouchingBusOrDatabase)

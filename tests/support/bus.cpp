@@ -111,30 +111,23 @@ namespace {
 
 std::vector<std::string> daemon_args(const DaemonOptions &o)
 {
-    std::vector<std::string> args = {o.binary, "--pid-file", o.pid_file, "--tty1", o.tty1, "--tty2", o.tty2};
+    const auto in_workdir = [&](const std::string &path, const char *name) {
+        return path.empty() ? o.workdir + "/" + name : path;
+    };
+    std::vector<std::string> args = {o.binary, "--pid-file", in_workdir(o.pid_file, "device-service.pid"),
+                                     "--tty1", in_workdir(o.tty1, "ttymxc1"),
+                                     "--tty2", in_workdir(o.tty2, "ttymxc2")};
     if (o.test_driver)
         args.emplace_back("--test-driver");
     return args;
 }
 
-DaemonOptions completed(DaemonOptions o)
-{
-    if (o.pid_file.empty())
-        o.pid_file = o.workdir + "/device-service.pid";
-    if (o.tty1.empty())
-        o.tty1 = o.workdir + "/ttymxc1";
-    if (o.tty2.empty())
-        o.tty2 = o.workdir + "/ttymxc2";
-    return o;
-}
-
 } // namespace
 
 // GLib's own debug chatter stays out of the daemon's output.
-DaemonProcess::DaemonProcess(DaemonOptions options)
-    : opts_(completed(std::move(options))),
-      child_(daemon_args(opts_), opts_.workdir, opts_.log_name,
-             {opts_.workdir, {"DBUS_SESSION_BUS_ADDRESS=" + opts_.bus_address, "G_MESSAGES_DEBUG"}})
+DaemonProcess::DaemonProcess(const DaemonOptions &o)
+    : Child(daemon_args(o), o.workdir, o.log_name,
+            {o.workdir, {"DBUS_SESSION_BUS_ADDRESS=" + o.bus_address, "G_MESSAGES_DEBUG"}})
 {
 }
 
@@ -165,6 +158,21 @@ CallResult call_device(GDBusConnection *conn, const char *method, GVariant *para
     }
     g_variant_unref(r);
     return res;
+}
+
+std::string introspect_device(GDBusConnection *conn)
+{
+    GVariant *r = g_dbus_connection_call_sync(
+        conn, "com.fernwick.DeviceService", "/com/fernwick/DeviceService",
+        "org.freedesktop.DBus.Introspectable", "Introspect", nullptr, G_VARIANT_TYPE("(s)"),
+        G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
+    if (r == nullptr)
+        return "";
+    const gchar *xml = nullptr;
+    g_variant_get(r, "(&s)", &xml);
+    std::string s = xml;
+    g_variant_unref(r);
+    return s;
 }
 
 NodesRecorder::NodesRecorder(GDBusConnection *conn) : conn_(conn)
@@ -198,40 +206,45 @@ void NodesRecorder::on_signal(GDBusConnection *, const gchar *, const gchar *, c
     self->times_.push_back(static_cast<double>(g_get_monotonic_time()) / 1e6);
 }
 
-bool NodesRecorder::wait_for_count(size_t n, std::chrono::milliseconds timeout)
+namespace {
+
+// Iterates the default main context until `done` holds or the time is up.
+bool iterate_until(const std::function<bool()> &done, std::chrono::milliseconds timeout)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (cycles_.size() < n) {
+    while (!done()) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
         if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(5ms);
+            std::this_thread::sleep_for(1ms);
     }
     return true;
+}
+
+} // namespace
+
+bool NodesRecorder::wait_for_count(size_t n, std::chrono::milliseconds timeout)
+{
+    return iterate_until([&] { return cycles_.size() >= n; }, timeout);
 }
 
 bool NodesRecorder::wait_for_values(const std::vector<std::string> &expected,
                                     std::chrono::milliseconds timeout)
 {
     size_t seen = cycles_.size();
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        for (; seen < cycles_.size(); ++seen)
-            if (cycle_values(cycles_[seen]) == expected)
-                return true;
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(1ms);
-    }
-    return false;
+    return iterate_until(
+        [&] {
+            for (; seen < cycles_.size(); ++seen)
+                if (cycle_values(cycles_[seen]) == expected)
+                    return true;
+            return false;
+        },
+        timeout);
 }
 
 void pump_main_context(std::chrono::milliseconds duration)
 {
-    const auto deadline = std::chrono::steady_clock::now() + duration;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(5ms);
-    }
+    iterate_until([] { return false; }, duration);
 }
 
 namespace {

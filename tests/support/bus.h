@@ -56,32 +56,14 @@ struct DaemonOptions {
 
 // The daemon under test, started at construction; killed (SIGKILL) and
 // waited for on destruction unless it has already ended.
-class DaemonProcess {
+class DaemonProcess : public Child {
 public:
-    explicit DaemonProcess(DaemonOptions options);
-
-    pid_t pid() const { return child_.pid(); }
-    std::string out() const { return child_.out(); }
-    std::string err() const { return child_.err(); }
+    explicit DaemonProcess(const DaemonOptions &options);
     bool wait_output(const std::string &needle, std::chrono::milliseconds timeout = 10s,
                      size_t occurrences = 1) const
     {
-        return child_.wait_out(needle, timeout, occurrences);
+        return wait_out(needle, timeout, occurrences);
     }
-    // Exit status once it has ended, or -1000 when it did not end in time.
-    int wait_exit(std::chrono::milliseconds timeout = 10s)
-    {
-        const int status = child_.wait_exit(timeout);
-        return status == -1 ? -1000 : status;
-    }
-    bool running() { return child_.running(); }
-    void send_signal(int signo) { child_.signal(signo); }
-    void kill_now() { child_.kill_now(); }
-    const DaemonOptions &options() const { return opts_; }
-
-private:
-    DaemonOptions opts_;
-    Child child_;
 };
 
 // Result of a device service method call.
@@ -95,6 +77,8 @@ struct CallResult {
 // Calls a method of com.fernwick.DeviceService; `params` may be floating.
 CallResult call_device(GDBusConnection *conn, const char *method, GVariant *params,
                        int timeout_ms = 30000);
+// The device service's introspection data, empty when it does not answer.
+std::string introspect_device(GDBusConnection *conn);
 
 // Records every `nodes` signal of the device service on this thread's
 // default main context; wait_* functions iterate that context.

@@ -1,12 +1,10 @@
 #include "support/child.h"
 
 #include <fcntl.h>
+#include <glib.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-
-extern char **environ;
 
 namespace dstest {
 
@@ -16,25 +14,17 @@ Child::Child(std::vector<std::string> args, const std::string &dir, const std::s
 {
     // Everything the child needs is made before fork: after it, only calls
     // that are safe in a copy of a threaded process.
-    auto name_of = [](const std::string &s) { return s.substr(0, s.find('=')); };
-    std::vector<std::string> env;
-    for (char **e = environ; *e != nullptr; ++e) {
-        bool changed = false;
-        for (const auto &change : options.env)
-            changed |= name_of(change) == name_of(*e);
-        if (!changed)
-            env.emplace_back(*e);
+    gchar **envp = g_get_environ();
+    for (const auto &change : options.env) {
+        const size_t eq = change.find('=');
+        envp = eq == std::string::npos
+                   ? g_environ_unsetenv(envp, change.c_str())
+                   : g_environ_setenv(envp, change.substr(0, eq).c_str(), change.c_str() + eq + 1, TRUE);
     }
-    for (const auto &change : options.env)
-        if (change.find('=') != std::string::npos)
-            env.push_back(change);
-    std::vector<char *> argv, envp;
+    std::vector<char *> argv;
     for (auto &a : args)
         argv.push_back(a.data());
     argv.push_back(nullptr);
-    for (auto &e : env)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
     const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     const int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -48,9 +38,10 @@ Child::Child(std::vector<std::string> args, const std::string &dir, const std::s
             setsid();
         if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0)
             _exit(126);
-        execve(argv[0], argv.data(), envp.data());
+        execve(argv[0], argv.data(), envp);
         _exit(127);
     }
+    g_strfreev(envp);
     close(in);
     close(out);
     close(err);

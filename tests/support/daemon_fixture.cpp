@@ -29,19 +29,7 @@ DaemonProcess &DaemonTest::start_daemon(bool test_driver)
         << daemon_->out() << daemon_->err();
     // The object is exported right after the name is acquired.
     EXPECT_TRUE(wait_until(
-        [&] {
-            GVariant *r = g_dbus_connection_call_sync(
-                conn(), "com.fernwick.DeviceService", "/com/fernwick/DeviceService",
-                "org.freedesktop.DBus.Introspectable", "Introspect", nullptr,
-                G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
-            if (r == nullptr)
-                return false;
-            const gchar *xml = nullptr;
-            g_variant_get(r, "(&s)", &xml);
-            const bool ok = strstr(xml, "com.fernwick.DeviceService") != nullptr;
-            g_variant_unref(r);
-            return ok;
-        },
+        [&] { return introspect_device(conn()).find("com.fernwick.DeviceService") != std::string::npos; },
         10s));
     return *daemon_;
 }
@@ -72,12 +60,8 @@ StandInSystemService &DaemonTest::start_system_service(uint32_t scan_interval)
 void DaemonTest::add_device(GVariant *device_args, const std::vector<NodeSpec> &nodes)
 {
     const bool serial = g_variant_n_children(device_args) == 12;
-    const CallResult dev = call(serial ? "SerialDeviceAdd" : "EthernetDeviceAdd", device_args);
-    ASSERT_TRUE(dev.ok) << dev.error << ": " << dev.message;
-    ASSERT_EQ(dev.response, 0);
-    const CallResult added = call("nodeTableAddMulti", node_array(nodes));
-    ASSERT_TRUE(added.ok) << added.error << ": " << added.message;
-    ASSERT_EQ(added.response, 0);
+    ASSERT_EQ(code(serial ? "SerialDeviceAdd" : "EthernetDeviceAdd", device_args), 0);
+    ASSERT_EQ(code("nodeTableAddMulti", node_array(nodes)), 0);
 }
 
 int DaemonTest::code(const char *method, GVariant *params)

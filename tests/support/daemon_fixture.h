@@ -11,8 +11,6 @@
 #include "support/standin_system_service.h"
 #include "support/test_util.h"
 
-#include <cstring>
-
 namespace dstest {
 
 class DaemonTest : public ::testing::Test {

@@ -1,8 +1,10 @@
 #include "support/test_util.h"
 
 #include <glib.h>
-#include <glib/gstdio.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -23,28 +25,11 @@ TempDir::TempDir()
     g_free(dir);
 }
 
-namespace {
-void remove_tree(const std::string &path)
-{
-    GDir *dir = g_dir_open(path.c_str(), 0, nullptr);
-    if (dir != nullptr) {
-        while (const gchar *name = g_dir_read_name(dir)) {
-            const std::string child = path + "/" + name;
-            if (g_file_test(child.c_str(), G_FILE_TEST_IS_DIR) &&
-                !g_file_test(child.c_str(), G_FILE_TEST_IS_SYMLINK))
-                remove_tree(child);
-            else
-                g_unlink(child.c_str());
-        }
-        g_dir_close(dir);
-    }
-    g_rmdir(path.c_str());
-}
-} // namespace
-
+// Symbolic links (a serial port's, say) are removed, never followed.
 TempDir::~TempDir()
 {
-    remove_tree(path_);
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 std::string read_file(const std::string &path)
@@ -84,14 +69,6 @@ size_t count_of(const std::string &text, const std::string &needle)
         ++n;
     return n;
 }
-
-} // namespace dstest
-
-#include <unistd.h>
-
-#include <cstdio>
-
-namespace dstest {
 
 Captured capture_output(const std::function<void()> &fn)
 {

@@ -33,10 +33,6 @@ bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds tim
 // Number of non-overlapping occurrences of `needle` in `text`.
 size_t count_of(const std::string &text, const std::string &needle);
 
-} // namespace dstest
-
-namespace dstest {
-
 struct Captured {
     std::string out;
     std::string err;
