@@ -3,9 +3,11 @@
 // it stops nothing of it is left behind.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <glib.h>
 #include <unistd.h>
+
+#include <filesystem>
+#include <sstream>
 
 #include "support/child.h"
 
@@ -17,14 +19,11 @@ namespace {
 std::vector<int> session_members(pid_t sid)
 {
     std::vector<int> pids;
-    DIR *d = opendir("/proc");
-    while (struct dirent *e = d != nullptr ? readdir(d) : nullptr) {
-        const int pid = atoi(e->d_name);
+    for (const auto &e : std::filesystem::directory_iterator("/proc")) {
+        const int pid = atoi(e.path().filename().c_str());
         if (pid > 0 && getsid(pid) == sid)
             pids.push_back(pid);
     }
-    if (d != nullptr)
-        closedir(d);
     return pids;
 }
 
@@ -51,16 +50,10 @@ TEST(Demo, RunsTheSimulatedPlantAndLeavesNothingBehind)
                                          {"S7-400 turbine", "revolutions"}});
     for (const auto &[device, node] : counters) {
         std::vector<std::string> seen;
-        size_t start = 0;
-        while (start < out.size()) {
-            const size_t end = out.find('\n', start);
-            const std::string line = out.substr(start, end == std::string::npos ? end : end - start);
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);)
             if (line.find(device + " ") != std::string::npos && line.find(" " + node + " ") != std::string::npos)
                 seen.push_back(line);
-            if (end == std::string::npos)
-                break;
-            start = end + 1;
-        }
         ASSERT_GE(seen.size(), 2u) << device << "\n" << out;
         EXPECT_NE(seen.front(), seen.back()) << device;
     }
@@ -75,12 +68,9 @@ TEST(Demo, RunsTheSimulatedPlantAndLeavesNothingBehind)
     EXPECT_TRUE(wait_until([&] { return session_members(pid).empty(); }, 10s))
         << "processes left: " << session_members(pid).size();
     // Its scratch directory and serial links are gone.
-    DIR *d = opendir(dir.path().c_str());
     int entries = 0;
-    while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.' && std::string(e->d_name).rfind("demo.", 0) != 0)
-            ++entries;
-    closedir(d);
+    for (const auto &e : std::filesystem::directory_iterator(dir.path()))
+        entries += e.path().filename().string().rfind("demo.", 0) != 0;
     EXPECT_EQ(entries, 0);
     if (geteuid() == 0) {
         EXPECT_FALSE(g_file_test("/dev/ttymxc1", G_FILE_TEST_IS_SYMLINK));

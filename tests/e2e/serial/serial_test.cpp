@@ -7,8 +7,6 @@
 
 #include "sim/dvp_sim.h"
 #include "sim/fx_sim.h"
-#include "sim/ppi_sim.h"
-#include "sim/qna_4c_sim.h"
 #include "sim/serial_line.h"
 #include "support/daemon_fixture.h"
 
@@ -95,25 +93,4 @@ TEST_F(SerialE2E, FxAndDvpLinesPublishAndRecoverAfterSilence)
     silence(dvp, "select timeout\n", "D200", fx_values("123", "0x7b"));
     dvp.set_device("D200", 78);
     EXPECT_TRUE(rec_.wait_for_values(both(fx_values("123", "0x7b"), dvp_values("78")))) << daemon_->out();
-}
-
-TEST_F(SerialE2E, EverySerialProtocolSharesOneLine)
-{
-    // As the plant wires them: PPI first (it takes a 0x10 only while it
-    // holds an answer to fetch; every other 0x10 is a QnA request), then
-    // QnA 4C, FX (STX) and DVP (':').
-    sim::PpiSim s7(2);
-    sim::QnA4CSim q;
-    sim::FxSim fx;
-    sim::DvpSim dvp(1);
-    s7.set_bytes(sim::PpiSim::AREA_M, 0, {0x00, 0x2A});
-    q.set_word("D0", 99);
-    fx.set_register(0, 7);
-    dvp.set_device("D0", 8);
-    line(1, {&s7, &q, &fx, &dvp});
-    add_device(serial_args(41, 2, 1, "s7", 2, 1, 9600, 8, 1, 0), {{41, 4101, "MW0", 5, "m"}});
-    add_device(serial_args(42, 1, 105, "q", 0, 1, 9600, 8, 1, 1), {{42, 4201, "D0", 5, "d"}});
-    add_device(serial_args(43, 1, 101, "fx", 0, 1, 9600, 7, 1, 1), {{43, 4301, "D0", 4, "d"}});
-    add_device(serial_args(44, 3, 201, "dvp", 1, 1, 9600, 7, 1, 1), {{44, 4401, "D0", 4, "d"}});
-    EXPECT_TRUE(rec_.wait_for_values({"41/m=42", "42/d=99", "43/d=7", "44/d=8"})) << daemon_->out();
 }
