@@ -11,9 +11,7 @@
 
 using namespace dstest;
 
-namespace {
 using rows_t = std::vector<std::string>;
-}
 
 class Config : public DaemonTest {
 protected:
@@ -125,7 +123,6 @@ TEST_F(Config, DeletingAndSynchronisingDevices)
     EXPECT_TRUE(in_memory(7));
 }
 
-
 TEST_F(Config, NodeMethods)
 {
     start_daemon();
@@ -165,16 +162,12 @@ TEST_F(Config, NodeMethods)
     // Alarm values are stored unsigned and come back signed.
     GVariant *n = g_variant_new("(suussusubbuuiuuiss)", "t", 1u, 5u, "n5", "val:1", 4u, "bar",
                                 2u, TRUE, FALSE, 3u, 4u, -5, 6u, 7u, -1, "hot", "desc");
-    GVariantBuilder b;
-    g_variant_builder_init(&b, G_VARIANT_TYPE("a(suussusubbuuiuuiss)"));
-    g_variant_builder_add_value(&b, n);
     EXPECT_EQ(code("nodeTableAddMulti", g_variant_new("(@a(suussusubbuuiuuiss))",
-                                                      g_variant_builder_end(&b))),
+                                                      g_variant_new_array(nullptr, &n, 1))),
               0);
     EXPECT_EQ(rows("select * from NodeTable where node_id = 5"),
               (rows_t{"t|1|5|n5|val:1|4|bar|2|1|0|3|4|4294967291|6|7|4294967295|hot|desc"}));
     restart_daemon(); // and the node is back
-
     EXPECT_TRUE(node_in_memory(1, 5));
 }
 

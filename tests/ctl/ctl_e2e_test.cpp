@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <regex>
 #include <set>
 
 #include "ctl_config.h"
@@ -32,19 +33,10 @@ std::vector<std::string> lines_of(const std::string &text)
 // The devices one JSON line of `monitor --json` shows: "dev_id name model".
 using Devices = std::set<std::string>;
 
-std::string replaced(std::string text, const std::string &from, const std::string &to)
-{
-    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-        text.replace(at, from.size(), to);
-    return text;
-}
-
 bool parse_cycle(const std::string &line, Devices &devices)
 {
-    JsonParser *parser = json_parser_new();
-    bool ok = json_parser_load_from_data(parser, line.c_str(), -1, nullptr) != FALSE;
-    JsonNode *root = ok ? json_parser_get_root(parser) : nullptr;
-    ok = root != nullptr && JSON_NODE_HOLDS_OBJECT(root);
+    JsonNode *root = json_from_string(line.c_str(), nullptr);
+    const bool ok = root != nullptr && JSON_NODE_HOLDS_OBJECT(root);
     JsonArray *devs = ok ? json_object_get_array_member(json_node_get_object(root), "devices") : nullptr;
     for (guint i = 0; devs != nullptr && i < json_array_get_length(devs); ++i) {
         JsonObject *d = json_array_get_object_element(devs, i);
@@ -52,7 +44,8 @@ bool parse_cycle(const std::string &line, Devices &devices)
                        json_object_get_string_member(d, "dev_name") + " " +
                        json_object_get_string_member(d, "model"));
     }
-    g_object_unref(parser);
+    if (root != nullptr)
+        json_node_unref(root);
     return ok;
 }
 
@@ -68,10 +61,8 @@ std::string example_without_plcs(int closed)
     EXPECT_EQ(bind(closed, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
     EXPECT_EQ(getsockname(closed, reinterpret_cast<sockaddr *>(&a), &len), 0);
     const std::string port = "\"port\": " + std::to_string(ntohs(a.sin_port));
-    std::string text = read_file(DS_SOURCE_DIR "/examples/plant.json");
-    for (const char *from : {"\"port\": 5020", "\"port\": 5007", "\"port\": 102"})
-        text = replaced(text, from, port);
-    return text;
+    return std::regex_replace(read_file(DS_SOURCE_DIR "/examples/plant.json"),
+                              std::regex(R"("port": (5020|5007|102)\b)"), port);
 }
 
 struct RunResult {
@@ -82,15 +73,34 @@ struct RunResult {
 class CtlOnDaemon : public DaemonTest {
 protected:
     // device-service-ctl on this test's bus, run to its end.
-    RunResult run_ctl(std::initializer_list<std::string> args, bool on_our_bus = true)
+    RunResult run_ctl(const std::vector<std::string> &args, bool on_our_bus = true)
     {
         std::vector<std::string> argv = {DS_CTL};
         if (on_our_bus)
             argv.insert(argv.end(), {"--address", bus_.address()});
-        argv.insert(argv.end(), args);
+        argv.insert(argv.end(), args.begin(), args.end());
         Child ctl(argv, dir_.path(), "ctl" + std::to_string(runs_++));
         const int status = ctl.wait_exit(60s);
         return {status, ctl.out(), ctl.err()};
+    }
+    struct Step {
+        std::vector<std::string> args;
+        int status;
+        std::string printed; // stdout after a success, stderr after a failure; unchecked when empty
+    };
+    // Runs each step in turn; a failure prints nothing on stdout.
+    void run_steps(const std::vector<Step> &steps)
+    {
+        for (const auto &s : steps) {
+            const RunResult r = run_ctl(s.args);
+            EXPECT_EQ(r.status, s.status) << s.args[0] << ": " << r.err;
+            if (!s.printed.empty()) {
+                EXPECT_EQ(s.status == 0 ? r.out : r.err, s.printed) << s.args[0];
+            }
+            if (s.status != 0) {
+                EXPECT_EQ(r.out, "") << s.args[0];
+            }
+        }
     }
     // The handlers print their name when called.
     bool daemon_was_called() { return daemon_->out().find("on_handle") != std::string::npos; }
@@ -155,64 +165,45 @@ TEST_F(CtlOnDaemon, MistakesSendNothing)
                R"({"serial_devices": [{"dev_id": 1, "dev_name": "a", "model": "FX-3U", "serial_number": 1}],
                    "ethernet_devices": [],
                    "nodes": [{"node_id": 1, "dev_id": 1, "node_name": "n", "node_data_type": "U16"}]})");
-    RunResult r = run_ctl({"apply", dir_.file("bad.json")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "device-service-ctl: " + dir_.file("bad.json") + ": nodes[0].node_addr: missing field\n");
-    EXPECT_EQ(r.out, "");
-
-    r = run_ctl({"apply", dir_.file("missing.json")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("missing.json"), std::string::npos) << r.err;
-
-    r = run_ctl({"ethernet-add", "--dev-id", "2", "--dev-name", "p", "--model", "FX-5U", "--ip-addr",
-                 "127.0.0.1", "--rack"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "device-service-ctl: --rack needs a value\n");
-    r = run_ctl({"serial-add", "--dev-id", "2", "--dev-name", "p", "--model", "FX-3U",
-                 "--serial-number", "1", "--parity", "even"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "device-service-ctl: --parity: unknown option\n");
-    r = run_ctl({"node-delete", "12", "x"});
-    EXPECT_EQ(r.status, 1);
-    r = run_ctl({"frobnicate"});
-    EXPECT_EQ(r.status, 1);
+    const std::string bad = dir_.file("bad.json");
+    run_steps({
+        {{"apply", bad}, 1, "device-service-ctl: " + bad + ": nodes[0].node_addr: missing field\n"},
+        {{"ethernet-add", "--dev-id", "2", "--dev-name", "p", "--model", "FX-5U", "--ip-addr", "127.0.0.1", "--rack"},
+         1, "device-service-ctl: --rack needs a value\n"},
+        {{"serial-add", "--dev-id", "2", "--dev-name", "p", "--model", "FX-3U", "--serial-number", "1", "--parity", "even"},
+         1, "device-service-ctl: --parity: unknown option\n"},
+        {{"node-delete", "12", "x"}, 1, "device-service-ctl: node-delete: 'x' is not a node_id\n"},
+        {{"frobnicate"}, 1, ""},
+        {{"apply", dir_.file("missing.json")}, 1, ""}, // in the system's own words
+    });
     EXPECT_FALSE(daemon_was_called()) << daemon_->out();
 }
 
 TEST_F(CtlOnDaemon, SingleCallsReportTheirResultsInWords)
 {
     start_daemon();
-    const std::initializer_list<std::string> fx = {"serial-add", "--dev-id", "1", "--dev-name", "fx",
-                                                   "--model", "FX-3U", "--serial-number", "1"};
-    RunResult r = run_ctl(fx);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "SerialDeviceAdd: 0 done\n");
-    r = run_ctl(fx);
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.err, "device-service-ctl: SerialDeviceAdd: 1 a device with this dev_id already exists\n");
-
-    r = run_ctl({"ethernet-add", "--dev-id", "2", "--dev-name", "cpu", "--model", "S7-1500",
-                 "--ip-addr", "127.0.0.1", "--port", "1"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    r = run_ctl({"ethernet-modify", "--dev-id", "2", "--dev-name", "cpu 2", "--model", "s7-400",
-                 "--ip-addr", "127.0.0.1", "--port", "1", "--slot", "3"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "EthernetDeviceMdf: 0 done\n");
-    r = run_ctl({"ethernet-delete", "--dev-id", "42"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.err, "device-service-ctl: EthernetDeviceDel: 6 no such device\n");
-    r = run_ctl({"node-modify", "--dev-id", "1", "--dev-name", "fx", "--node-id", "5", "--node-name",
-                 "n", "--node-addr", "D0", "--node-data-type", "U16"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.err, "device-service-ctl: nodeTableMdfOne: 6 no such device or node\n");
-    r = run_ctl({"node-delete", "5", "6"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "nodeTableDelMulti (2 nodes): 0 done\n");
-    r = run_ctl({"serial-delete", "--dev-id", "1"});
-    EXPECT_EQ(r.status, 0) << r.err;
+    const std::vector<std::string> fx = {"serial-add", "--dev-id", "1", "--dev-name", "fx",
+                                         "--model", "FX-3U", "--serial-number", "1"};
+    const std::string ctl = "device-service-ctl: ";
+    run_steps({
+        {fx, 0, "SerialDeviceAdd: 0 done\n"},
+        {fx, 2, ctl + "SerialDeviceAdd: 1 a device with this dev_id already exists\n"},
+        {{"ethernet-add", "--dev-id", "2", "--dev-name", "cpu", "--model", "S7-1500", "--ip-addr", "127.0.0.1",
+          "--port", "1"},
+         0, "EthernetDeviceAdd: 0 done\n"},
+        {{"ethernet-modify", "--dev-id", "2", "--dev-name", "cpu 2", "--model", "s7-400", "--ip-addr", "127.0.0.1",
+          "--port", "1", "--slot", "3"},
+         0, "EthernetDeviceMdf: 0 done\n"},
+        {{"ethernet-delete", "--dev-id", "42"}, 2, ctl + "EthernetDeviceDel: 6 no such device\n"},
+        {{"node-modify", "--dev-id", "1", "--dev-name", "fx", "--node-id", "5", "--node-name", "n", "--node-addr",
+          "D0", "--node-data-type", "U16"},
+         2, ctl + "nodeTableMdfOne: 6 no such device or node\n"},
+        {{"node-delete", "5", "6"}, 0, "nodeTableDelMulti (2 nodes): 0 done\n"},
+        {{"serial-delete", "--dev-id", "1"}, 0, "SerialDeviceDel: 0 done\n"},
+    });
 
     stop_daemon();
-    r = run_ctl({"serial-delete", "--dev-id", "1"});
+    RunResult r = run_ctl({"serial-delete", "--dev-id", "1"});
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(r.err, "device-service-ctl: SerialDeviceDel failed: device-service is not running on "
                      "this bus (nobody owns com.fernwick.DeviceService)\n");
