@@ -256,10 +256,6 @@ TEST(CtlOptions, RecordsFromOptions)
     EXPECT_EQ(s.data_bit, 7u);
     EXPECT_EQ(s.baudrate, 9600u);
 
-    EXPECT_FALSE(ctl::serial_from_options({{"dev-id", "3"}, {"dev-name", "m"}, {"model", "FX-3U"},
-                                           {"serial-number", "1"}, {"staton-num", "2"}},
-                                          s, err));
-    EXPECT_EQ(err, "--staton-num: unknown option");
     EXPECT_FALSE(ctl::serial_from_options({{"dev-id", "-3"}}, s, err));
     EXPECT_EQ(err, "--dev-id: expected a whole number from 0 to 4294967295");
 

@@ -2,8 +2,8 @@
 // process, in a scratch working directory.
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <future>
 
 #include "database/blob_store.h"
@@ -19,11 +19,7 @@ using namespace dstest;
 
 class Database : public ::testing::Test {
 protected:
-    Database()
-    {
-        getcwd(old_cwd_, sizeof old_cwd_);
-        EXPECT_EQ(chdir(dir_.path().c_str()), 0);
-    }
+    Database() { std::filesystem::current_path(dir_.path()); }
     ~Database() override
     {
         node_table_del_all();
@@ -32,7 +28,7 @@ protected:
             device_unregister(dev);
             delete dev;
         }
-        EXPECT_EQ(chdir(old_cwd_), 0);
+        std::filesystem::current_path(old_cwd_);
     }
     std::vector<uint32_t> device_ids()
     {
@@ -48,8 +44,8 @@ protected:
             ids.push_back(static_cast<node *>(l->data)->node_id);
         return ids;
     }
+    const std::filesystem::path old_cwd_ = std::filesystem::current_path();
     TempDir dir_;
-    char old_cwd_[4096] = {};
 };
 
 TEST_F(Database, OneStatementPerExecutionAndBufferThatOnlyGrows)

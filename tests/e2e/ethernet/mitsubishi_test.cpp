@@ -48,8 +48,6 @@ protected:
                     {Q3E, 1203, "D100", 4, "u16"}});
     }
 
-    bool wait_for_values(const std::vector<std::string> &expected) { return rec_.wait_for_values(expected); }
-
     std::vector<std::string> fx5u_values(const std::string &strokes) const
     {
         return {"11/strokes=" + strokes, "11/count=65538", "11/running=1", "11/guard=1",
@@ -68,16 +66,16 @@ TEST_F(EthMitsubishiE2E, PlcsThatStopAnsweringOrGoAwayCostOnlyTheirOwnNodes)
     std::vector<std::string> all = fx5u_values("42");
     all.insert(all.end(), {"12/trays=-3", "12/heating=1"});
     // A node of a type its area does not offer is left out of every cycle.
-    ASSERT_TRUE(wait_for_values(all)) << daemon_->out();
+    ASSERT_TRUE(rec_.wait_for_values(all)) << daemon_->out();
     EXPECT_TRUE(daemon_->wait_output("D10 = NULL\n"));
     EXPECT_TRUE(daemon_->wait_output(" dt err = 4\n"));
 
     q_.faults.silent = true;
     EXPECT_TRUE(daemon_->wait_output("select = 0\n", 15s));
-    EXPECT_TRUE(wait_for_values(fx5u_values("42"))) << "the FX-5U goes on";
+    EXPECT_TRUE(rec_.wait_for_values(fx5u_values("42"))) << "the FX-5U goes on";
     q_.faults.silent = false;
     fx5u_.faults.close_conn = true;
-    EXPECT_TRUE(wait_for_values({"12/trays=-3", "12/heating=1"})) << "the Q CPU goes on";
+    EXPECT_TRUE(rec_.wait_for_values({"12/trays=-3", "12/heating=1"})) << "the Q CPU goes on";
     fx5u_.faults.close_conn = false;
 
     const uint16_t fx_port = fx5u_.port();
@@ -86,7 +84,7 @@ TEST_F(EthMitsubishiE2E, PlcsThatStopAnsweringOrGoAwayCostOnlyTheirOwnNodes)
     q_.stop();
     EXPECT_TRUE(daemon_->wait_output("connection fail\n", 15s));
     EXPECT_TRUE(daemon_->wait_output(" connect:Connection refused\n", 15s)) << daemon_->out();
-    ASSERT_TRUE(wait_for_values({})) << "both devices are published without nodes";
+    ASSERT_TRUE(rec_.wait_for_values({})) << "both devices are published without nodes";
 
     fx5u_.set_register(100, 43);
     q_.set(0xA8, 100, 7);
@@ -94,5 +92,5 @@ TEST_F(EthMitsubishiE2E, PlcsThatStopAnsweringOrGoAwayCostOnlyTheirOwnNodes)
     ASSERT_TRUE(q_.start(q_port));
     all = fx5u_values("43");
     all.insert(all.end(), {"12/trays=7", "12/heating=1"});
-    EXPECT_TRUE(wait_for_values(all)) << daemon_->out();
+    EXPECT_TRUE(rec_.wait_for_values(all)) << daemon_->out();
 }
