@@ -20,9 +20,8 @@ class Safety : public DaemonTest {
 protected:
     rows_t counts()
     {
-        return {rows("select count(*) from SerialDevTable").at(0),
-                rows("select count(*) from EthernetDevTable").at(0),
-                rows("select count(*) from NodeTable").at(0)};
+        return rows("select (select count(*) from SerialDevTable), (select count(*) from EthernetDevTable), "
+                    "(select count(*) from NodeTable)");
     }
 };
 
