@@ -138,9 +138,8 @@ bool measure(const Layout &l, uint64_t values, bridgetest::Broker &broker)
            with_us, with_us - model_us, kStoreTargetUs,
            static_cast<double>(stored.disk) / static_cast<double>(stored.values));
 
-    bridgetest::Subscriber sub(broker.port(), "spBv1.0/bench/DDATA/#");
-    if (!sub.ready())
-        return false;
+    bridgetest::Traffic sub;
+    sub.watch(broker.port(), "spBv1.0/bench/DDATA/#");
     std::unique_ptr<GMainLoop, void (*)(GMainLoop *)> loop(g_main_loop_new(nullptr, FALSE), g_main_loop_unref);
     std::string error;
     const auto t0 = Clock::now();
