@@ -179,11 +179,11 @@ int init_database()
     database_create_table("plc_service.db", "PlcDevEthernet");
     database_create_table("plc_service.db", "PlcNode");
 
-    open_database();
     // The rows are read once, in key order: SQLite's default cache of up to
     // 2 MiB would end up holding most of the node table, and once freed its
     // pages stay among the records on the heap, 60 to 120 bytes per node.
-    exec_sql("PRAGMA cache_size=-128;");
+    if (open_database() == 0)
+        exec_sql("PRAGMA cache_size=-128;");
     // After the first start these fail because the tables exist; the
     // message is printed and that is all.
     create_serial_dev_table_in_database();
