@@ -4,8 +4,12 @@
 // subscriber here stamps each message as it arrives.
 //   bench_bridge_bench [measured cycles] [warm-up cycles]
 // Prints the bridge's CPU per published value, its memory, and the latency
-// from our emitting the signal to a DDATA reaching the subscriber.
+// from our emitting the signal to a DDATA reaching the subscriber. Then the
+// same cycles go to a bare receiver, the bus library and the generated proxy
+// with a handler that only reads the cycle's number: what receiving the
+// signal costs before the bridge does anything with it.
 #include <gio/gio.h>
+#include <glib-unix.h>
 #include <mosquitto.h>
 #include <unistd.h>
 
@@ -26,6 +30,7 @@
 #include <vector>
 
 #include "bridge/mqtt_peers.h"
+#include "idl/common/device_idl.h"
 #include "sparkplug.h"
 #include "support/bus.h"
 #include "values.h"
@@ -369,10 +374,134 @@ int cycle_of(const bridge::sp::Payload &p)
     return -1;
 }
 
+
+// The reference receiver, run as `bench_bridge_bench --bare-receiver ADDRESS`:
+// prints "cycle <k> at <steady clock ns>" as each signal reaches its handler.
+void on_bare_nodes(GObject *, GVariant *nodes, gpointer)
+{
+    const auto at = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+    int k = -1;
+    if (g_variant_n_children(nodes) > 0) {
+        const VariantPtr device(g_variant_get_child_value(nodes, 0));
+        const VariantPtr boxed(g_variant_get_child_value(device.get(), 4));
+        const VariantPtr list(g_variant_get_variant(boxed.get()));
+        if (g_variant_n_children(list.get()) > 0) {
+            const VariantPtr node(g_variant_get_child_value(list.get(), 0));
+            const VariantPtr value(g_variant_get_child_value(node.get(), 3));
+            k = std::atoi(g_variant_get_string(value.get(), nullptr));
+        }
+    }
+    std::printf("cycle %d at %lld\n", k, static_cast<long long>(at));
+}
+
+int bare_receiver(const char *address)
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    GError *raw = nullptr;
+    ConnectionPtr conn(g_dbus_connection_new_for_address_sync(
+        address,
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &raw));
+    ErrorPtr conn_error(raw);
+    if (!conn) {
+        std::fprintf(stderr, "bare receiver: %s\n", conn_error->message);
+        return 1;
+    }
+    raw = nullptr;
+    std::unique_ptr<GatewayDeviceService, ObjectUnref> proxy(gateway_device_service_proxy_new_sync(
+        conn.get(),
+        static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES | G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START),
+        "com.fernwick.DeviceService", "/com/fernwick/DeviceService", nullptr, &raw));
+    ErrorPtr proxy_error(raw);
+    if (!proxy) {
+        std::fprintf(stderr, "bare receiver: %s\n", proxy_error->message);
+        return 1;
+    }
+    g_signal_connect(proxy.get(), "nodes", G_CALLBACK(&on_bare_nodes), nullptr);
+    GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
+    g_unix_signal_add(
+        SIGTERM,
+        [](gpointer l) -> gboolean {
+            g_main_loop_quit(static_cast<GMainLoop *>(l));
+            return G_SOURCE_REMOVE;
+        },
+        loop);
+    std::printf("ready\n");
+    g_main_loop_run(loop);
+    g_main_loop_unref(loop);
+    return 0;
+}
+
+// What one process did over the emitted cycles.
+struct Run {
+    std::vector<Clock::time_point> emitted;
+    std::vector<int64_t> emitted_utc_ms;
+    std::vector<double> emit_call_ms;  // the emit call itself: the sender building the message
+    CpuSample cpu_start, cpu_end;
+    double rss_at_rest = 0, rss_busy = 0, rss = 0, hwm = 0, rss_anon = 0, rss_file = 0;
+    int incomplete = 0;
+};
+
+// One cycle a second on a fixed schedule. Each cycle is built before its
+// slot, so that the emit time is the signal's own; after emitting we wait
+// (`handled(k, deadline)`) until the receiver is done with it before
+// building the next, so that the benchmark does not compete with the
+// receiver for the two cores while it works.
+template <typename Handled, typename Alive>
+bool drive(StandInDaemon &daemon, pid_t pid, int warmup, int total, Run &run, Handled handled, Alive alive)
+{
+    run.emitted.assign(static_cast<size_t>(total), {});
+    run.emitted_utc_ms.assign(static_cast<size_t>(total), 0);
+    run.rss_at_rest = kib_line_mib(pid, "status", "VmRSS:");
+    const Clock::time_point start = Clock::now() + 200ms;
+    for (int k = 0; k < total; ++k) {
+        VariantPtr args(make_cycle(k));
+        const Clock::time_point slot = start + std::chrono::seconds(k);
+        std::this_thread::sleep_until(slot);
+        if (k == warmup)
+            run.cpu_start = cpu_sample(pid);
+        const auto ki = static_cast<size_t>(k);
+        run.emitted[ki] = Clock::now();
+        run.emitted_utc_ms[ki] = g_get_real_time() / 1000;
+        if (!daemon.emit(args.get())) {
+            std::fprintf(stderr, "cycle %d could not be emitted\n", k);
+            return false;
+        }
+        if (k >= warmup)
+            run.emit_call_ms.push_back(ms_between(run.emitted[ki], Clock::now()));
+        if (!handled(k, slot + 900ms) && k >= warmup)
+            ++run.incomplete;
+        if (!alive())
+            return false;
+    }
+    run.cpu_end = cpu_sample(pid);
+    run.rss_busy = kib_line_mib(pid, "status", "VmRSS:");
+    // Memory as a look at the process finds it most of the time: between
+    // cycles, once the last one has been handled.
+    std::this_thread::sleep_until(start + std::chrono::seconds(total - 1) + 600ms);
+    run.rss = kib_line_mib(pid, "status", "VmRSS:");
+    run.hwm = kib_line_mib(pid, "status", "VmHWM:");
+    run.rss_anon = kib_line_mib(pid, "status", "RssAnon:");
+    run.rss_file = kib_line_mib(pid, "status", "RssFile:");
+    return true;
+}
+
+void print_threads(const Run &run, double cpu)
+{
+    for (const auto &[name, end] : run.cpu_end.by_thread) {
+        const auto it = run.cpu_start.by_thread.find(name);
+        const double spent = end - (it != run.cpu_start.by_thread.end() ? it->second : 0.0);
+        std::printf("  thread %-16s %.2f s (%.0f%%)\n", name.c_str(), spent, cpu > 0 ? 100.0 * spent / cpu : 0.0);
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    if (argc == 3 && std::string(argv[1]) == "--bare-receiver")
+        return bare_receiver(argv[2]);
     const int measured = argc > 1 ? std::clamp(std::atoi(argv[1]), 1, 50) : 30;
     const int warmup = argc > 2 ? std::clamp(std::atoi(argv[2]), 1, 20) : 5;
     const int total = warmup + measured;
@@ -403,60 +532,58 @@ int main(int argc, char **argv)
     // around it (a profiler).
     const char *other = getenv("DS_TEST_BRIDGE_BINARY");
     const std::string binary = other != nullptr && *other != '\0' ? other : DS_BRIDGE_BINARY;
-    bridgetest::Child bridge({binary, "--broker", broker.address(), "--bus-address",
-                              bus.address(), "--state-dir", dir.file("state"), "--group", kGroup,
-                              "--edge-node", kEdge},
-                             dir.path(), "bridge");
-    if (!bridge.wait_err("device-service is on the bus", 10s) ||
-        !bridge.wait_err("connected to", 10s)) {
-        std::fprintf(stderr, "the bridge did not come up:\n%s\n", bridge.err().c_str());
-        return 1;
-    }
-    const pid_t pid = bridge.pid();
-
-    // One cycle a second on a fixed schedule. Each cycle is built before its
-    // slot, so that the emit time is the signal's own; after emitting we
-    // wait for its ten device messages (births the first time) before
-    // building the next, so that the benchmark does not compete with the
-    // bridge for the two cores while it works.
-    CpuSample cpu_start, cpu_end;
-    std::vector<Clock::time_point> emitted(static_cast<size_t>(total));
-    std::vector<int64_t> emitted_utc_ms(static_cast<size_t>(total), 0);
-    int incomplete = 0;
-    const double rss_at_rest = kib_line_mib(pid, "status", "VmRSS:");
-    const Clock::time_point start = Clock::now() + 200ms;
-    for (int k = 0; k < total; ++k) {
-        VariantPtr args(make_cycle(k));
-        const Clock::time_point slot = start + std::chrono::seconds(k);
-        std::this_thread::sleep_until(slot);
-        if (k == warmup)
-            cpu_start = cpu_sample(pid);
-        const size_t before = sub.device_messages();
-        emitted[static_cast<size_t>(k)] = Clock::now();
-        emitted_utc_ms[static_cast<size_t>(k)] = g_get_real_time() / 1000;
-        if (!daemon.emit(args.get())) {
-            std::fprintf(stderr, "cycle %d could not be emitted\n", k);
+    Run run;
+    {
+        bridgetest::Child bridge({binary, "--broker", broker.address(), "--bus-address", bus.address(),
+                                  "--state-dir", dir.file("state"), "--group", kGroup, "--edge-node", kEdge},
+                                 dir.path(), "bridge");
+        if (!bridge.wait_err("device-service is on the bus", 10s) || !bridge.wait_err("connected to", 10s)) {
+            std::fprintf(stderr, "the bridge did not come up:\n%s\n", bridge.err().c_str());
             return 1;
         }
-        const bool complete = sub.wait(slot + 900ms, [&](size_t n, bool) { return n >= before + kDevices; });
-        if (!complete && k >= warmup)
-            ++incomplete;
-        if (!bridge.running()) {
+        // A cycle is handled once its ten device messages (births the
+        // first time) have arrived.
+        size_t before = 0;
+        const bool driven = drive(
+            daemon, bridge.pid(), warmup, total, run,
+            [&](int, Clock::time_point deadline) {
+                const bool done = sub.wait(deadline, [&](size_t n, bool) { return n >= before + kDevices; });
+                before = sub.device_messages();
+                return done;
+            },
+            [&] { return bridge.running(); });
+        if (!driven) {
             std::fprintf(stderr, "the bridge ended:\n%s\n", bridge.err().c_str());
             return 1;
         }
+        bridge.signal(SIGTERM);
+        bridge.wait_exit(5s);
     }
-    cpu_end = cpu_sample(pid);
-    const double rss_busy = kib_line_mib(pid, "status", "VmRSS:");
-    // Memory as a look at the process finds it most of the time: between
-    // cycles, once the last one has been handled.
-    std::this_thread::sleep_until(start + std::chrono::seconds(total - 1) + 600ms);
-    const double rss = kib_line_mib(pid, "status", "VmRSS:");
-    const double hwm = kib_line_mib(pid, "status", "VmHWM:");
-    const double rss_anon = kib_line_mib(pid, "status", "RssAnon:");
-    const double rss_file = kib_line_mib(pid, "status", "RssFile:");
-    bridge.signal(SIGTERM);
-    bridge.wait_exit(5s);
+
+    // The same cycles to the bare receiver.
+    Run bare;
+    std::string bare_out;
+    {
+        bridgetest::Child receiver({"/proc/self/exe", "--bare-receiver", bus.address()}, dir.path(), "bare");
+        if (!receiver.wait_out("ready", 10s)) {
+            std::fprintf(stderr, "the bare receiver did not come up:\n%s\n", receiver.err().c_str());
+            return 1;
+        }
+        const bool driven = drive(
+            daemon, receiver.pid(), warmup, total, bare,
+            [&](int k, Clock::time_point deadline) {
+                return receiver.wait_out("cycle " + std::to_string(k) + " at",
+                                         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
+            },
+            [&] { return receiver.running(); });
+        if (!driven) {
+            std::fprintf(stderr, "the bare receiver ended:\n%s\n", receiver.err().c_str());
+            return 1;
+        }
+        receiver.signal(SIGTERM);
+        receiver.wait_exit(5s);
+        bare_out = receiver.out();
+    }
 
     // Every DDATA of a measured cycle, tied to its cycle by the counter node.
     std::vector<double> all, last_of_cycle, bus_leg;
@@ -475,53 +602,79 @@ int main(int argc, char **argv)
         if (k < warmup || k >= total)
             continue;
         const auto ki = static_cast<size_t>(k);
-        const double ms = ms_between(emitted[ki], a.at);
+        const double ms = ms_between(run.emitted[ki], a.at);
         all.push_back(ms);
         latest[ki] = std::max(latest[ki], ms);
         if (!p.metrics.empty() && p.metrics.front().timestamp != 0)
             bus_leg.push_back(static_cast<double>(static_cast<int64_t>(p.metrics.front().timestamp) -
-                                                  emitted_utc_ms[ki]));
+                                                  run.emitted_utc_ms[ki]));
         values += p.metrics.size();
         ++ddata;
     }
     for (int k = warmup; k < total; ++k)
         if (latest[static_cast<size_t>(k)] >= 0)
             last_of_cycle.push_back(latest[static_cast<size_t>(k)]);
+    // The bare receiver's handler, from its stamps.
+    std::vector<double> bare_leg;
+    {
+        std::istringstream in(bare_out);
+        for (std::string line; std::getline(in, line);) {
+            int k = -1;
+            long long ns = 0;
+            if (std::sscanf(line.c_str(), "cycle %d at %lld", &k, &ns) != 2 || k < warmup || k >= total)
+                continue;
+            const Clock::time_point at{std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(ns))};
+            bare_leg.push_back(ms_between(bare.emitted[static_cast<size_t>(k)], at));
+        }
+    }
 
-    const double cpu = cpu_end.seconds - cpu_start.seconds;
+    const double cpu = run.cpu_end.seconds - run.cpu_start.seconds;
+    const double bare_cpu = bare.cpu_end.seconds - bare.cpu_start.seconds;
     const double expected = static_cast<double>(measured) * kDevices * kNodes;
     const double us_per_value = values > 0 ? cpu * 1e6 / static_cast<double>(values) : 0;
+    const double bare_us_per_value = bare_cpu * 1e6 / expected;
     const Percentiles last = percentiles(last_of_cycle);
     const Percentiles every = percentiles(all);
     const Percentiles bus_part = percentiles(bus_leg);
+    const Percentiles bare_part = percentiles(bare_leg);
+    const Percentiles emit_call = percentiles(run.emit_call_ms);
 
     std::printf("device-service-bridge, %d devices x %d nodes, every value changed each cycle, 1 cycle/s\n",
                 kDevices, kNodes);
     std::printf("  %d warm-up + %d measured cycles; %zu DDATA with %zu values (%.0f expected), "
                 "%zu DBIRTH, %d incomplete cycles, %zu messages beyond the record\n",
-                warmup, measured, ddata, values, expected, births, incomplete, sub.dropped());
+                warmup, measured, ddata, values, expected, births, run.incomplete, sub.dropped());
     std::printf("CPU of the bridge over the measured cycles: %.2f s (clock ticks of %.0f ms)\n", cpu,
                 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK)));
-    for (const auto &[name, end] : cpu_end.by_thread) {
-        const auto it = cpu_start.by_thread.find(name);
-        const double spent = end - (it != cpu_start.by_thread.end() ? it->second : 0.0);
-        std::printf("  thread %-16s %.2f s (%.0f%%)\n", name.c_str(), spent, cpu > 0 ? 100.0 * spent / cpu : 0.0);
-    }
-    std::printf("  page faults %.0f a cycle\n", (cpu_end.minor_faults - cpu_start.minor_faults) / measured);
+    print_threads(run, cpu);
+    std::printf("  page faults %.0f a cycle\n", (run.cpu_end.minor_faults - run.cpu_start.minor_faults) / measured);
     std::printf("  per published value %.3f us (target <= %.1f us: %s, ratio %.2f)\n", us_per_value,
                 kCpuTargetUs, us_per_value <= kCpuTargetUs ? "met" : "MISSED", us_per_value / kCpuTargetUs);
     std::printf("memory of the bridge between cycles: VmRSS %.2f MiB (target <= %.0f MiB: %s, ratio %.2f); "
                 "%.2f MiB as the last cycle was delivered, VmHWM %.2f MiB\n",
-                rss, kRssTargetMiB, rss <= kRssTargetMiB ? "met" : "MISSED", rss / kRssTargetMiB, rss_busy, hwm);
+                run.rss, kRssTargetMiB, run.rss <= kRssTargetMiB ? "met" : "MISSED", run.rss / kRssTargetMiB,
+                run.rss_busy, run.hwm);
     std::printf("  anonymous %.2f MiB, file-backed (code and libraries) %.2f MiB; VmRSS %.2f MiB before the first cycle\n",
-                rss_anon, rss_file, rss_at_rest);
+                run.rss_anon, run.rss_file, run.rss_at_rest);
     std::printf("latency from emitting `nodes` to the subscriber:\n");
     print_latency("last DDATA of each cycle", last);
     print_latency("every DDATA", every);
     print_latency("emit to the bridge's stamp (ms clock)", bus_part);
+    print_latency("the emit call itself (the sender)", emit_call);
     std::printf("  p99 of the last DDATA %.2f ms (target <= %.0f ms: %s, ratio %.2f)\n", last.p99,
                 kP99TargetMs, last.p99 <= kP99TargetMs ? "met" : "MISSED", last.p99 / kP99TargetMs);
-    const bool complete = values == static_cast<size_t>(expected) && incomplete == 0;
+    std::printf("a bare receiver of the same cycles (the bus library and the generated proxy, nothing else):\n");
+    print_threads(bare, bare_cpu);
+    std::printf("  CPU per received value %.3f us; the bridge spends %.2f times that\n", bare_us_per_value,
+                bare_us_per_value > 0 ? us_per_value / bare_us_per_value : 0.0);
+    std::printf("  VmRSS between cycles %.2f MiB (anonymous %.2f, file-backed %.2f; %.2f before the first cycle); "
+                "the bridge holds %.2f MiB more\n",
+                bare.rss, bare.rss_anon, bare.rss_file, bare.rss_at_rest, run.rss - bare.rss);
+    print_latency("emit to its handler", bare_part);
+    std::printf("  the bridge's last DDATA p99 is %.2f ms after the bare receiver's handler p99\n",
+                last.p99 - bare_part.p99);
+    const bool complete = values == static_cast<size_t>(expected) && run.incomplete == 0 &&
+                          bare_part.n == static_cast<size_t>(measured);
     if (!complete)
         std::printf("WARNING: not every value of the measured cycles arrived\n");
     return complete ? 0 : 1;
